@@ -1,0 +1,808 @@
+#include "zvr_media_proxy_manager.h"
+
+#include <fcntl.h>
+#include <json/json.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <uuid/uuid.h>
+
+#include <boost/thread/lock_guard.hpp>
+#include <boost/thread/recursive_mutex.hpp>
+#include <cfloat>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <iostream>
+#include <utility>
+
+#include "zvr_log.h"
+#include "zvr_media_proxy_object.h"
+
+namespace velmora {
+
+using logging::kError;
+using logging::kHeadline;
+using logging::kProgress;
+using logging::kVerbose;
+
+namespace {
+
+const char kCommandKey[] = "varek.sl2.vstr.videoplayer.zvr.command";
+const char kEventKey[] = "varek.sl2.vstr.videoplayer.zvr.event";
+const char kEventMemoryName[] = "/ZVR_PROXY";
+
+constexpr std::size_t kCommandPositions = 11;
+constexpr unsigned int kPosCommand = 0;
+constexpr unsigned int kPosSessionId = 2;
+constexpr unsigned int kPosObjectId = 3;
+constexpr unsigned int kPosTimestamp = 4;
+constexpr unsigned int kPosPosition = 5;
+constexpr unsigned int kPosText1 = 6;
+constexpr unsigned int kPosText2 = 7;
+constexpr unsigned int kPosText3 = 8;
+constexpr unsigned int kPosInteger = 9;
+
+constexpr std::size_t kResetRecordSize = 9;
+
+// Creation time limits.
+constexpr double kFirstResponseLimitSeconds = 0.2;
+constexpr double kTotalLimitSeconds = 2.0;
+constexpr std::chrono::nanoseconds kWaitAfterRestart(500000000);
+constexpr std::chrono::nanoseconds kWaitPerAttempt(200000000);
+constexpr useconds_t kPauseAfterRestartMicros = 800000;
+constexpr useconds_t kPauseBeforeThirdCheckMicros = 200000;
+
+// Synchronous wait schedule.
+constexpr useconds_t kPollIntervalMicros = 50000;
+constexpr int kTimeStep = 50;
+constexpr int kTimeLimit = 250;
+
+// Liveness probe.
+constexpr std::chrono::nanoseconds kAliveWait(200000000);
+
+std::atomic<ZVRMediaProxyManager*> gInstance{nullptr};
+boost::recursive_mutex gManagerLock;
+
+// Position i of a record, or the empty text beyond its end.
+std::string field(const std::vector<std::string>& record, std::size_t i) {
+  return i < record.size() ? record[i] : std::string();
+}
+
+std::string formatInt(int value) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%d", value);
+  return text;
+}
+
+// "%f" never uses an exponent: the largest double prints 309 digits before the point, plus a
+// sign, the point, six decimals and the terminating zero.
+constexpr std::size_t kDoubleTextSize = 1 + (DBL_MAX_10_EXP + 1) + 1 + 6 + 1;
+
+std::string formatDouble(double value) {
+  char text[kDoubleTextSize];
+  std::snprintf(text, sizeof text, "%f", value);
+  return text;
+}
+
+// The text of a JSON member as the event record holds it: strings as they are, numbers and
+// booleans in JsonCpp's text form, and "" for anything that has no text form.
+std::string memberText(const Json::Value& root, const char* name) {
+  if (!root.isObject()) return std::string();
+  const Json::Value& member = root[name];
+  if (member.isObject() || member.isArray()) return std::string();
+  try {
+    return member.asString();
+  } catch (const std::exception&) {
+    return std::string();
+  }
+}
+
+const char* sourceBaseName(const char* path) {
+  const char* slash = std::strrchr(path, '/');
+  return slash ? slash + 1 : path;
+}
+
+}  // namespace
+
+// --- OwnedMutex, DispatchLock ---------------------------------------------------------------
+
+void ZVRMediaProxyManager::OwnedMutex::lock() {
+  mutex_.lock();
+  owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+}
+
+void ZVRMediaProxyManager::OwnedMutex::unlock() {
+  owner_.store(std::thread::id(), std::memory_order_relaxed);
+  mutex_.unlock();
+}
+
+// Only the current thread ever stores its own id, so a relaxed load that sees it is exact.
+bool ZVRMediaProxyManager::OwnedMutex::heldByCurrentThread() const {
+  return owner_.load(std::memory_order_relaxed) == std::this_thread::get_id();
+}
+
+// Event dispatch takes the manager mutex to append a response id or to notify the completion
+// signal. In sync mode, a creation attempt and the liveness probe reach a synchronous wait while
+// their thread holds that mutex, and the wait dispatches the answer it found on the same thread.
+// The mutex is not recursive, so dispatch on the holding thread works under the lock its thread
+// already has instead of locking again. The append and the notify happen exactly as on any other
+// thread; the notify simply finds no waiter, because the holder is not waiting.
+ZVRMediaProxyManager::DispatchLock::DispatchLock(OwnedMutex& mutex)
+    : mutex_(mutex), locked_(!mutex.heldByCurrentThread()) {
+  if (locked_) mutex_.lock();
+}
+
+ZVRMediaProxyManager::DispatchLock::~DispatchLock() {
+  if (locked_) mutex_.unlock();
+}
+
+// --- Singleton, construction, teardown --------------------------------------------------------
+
+ZVRMediaProxyManager* ZVRMediaProxyManager::getInstance() {
+  ZVRMediaProxyManager* instance = gInstance.load(std::memory_order_acquire);
+  if (instance != nullptr) return instance;
+  boost::lock_guard<boost::recursive_mutex> lock(gManagerLock);
+  instance = gInstance.load(std::memory_order_relaxed);
+  if (instance == nullptr) {
+    instance = new ZVRMediaProxyManager();
+    gInstance.store(instance, std::memory_order_release);
+  }
+  return instance;
+}
+
+ZVRMediaProxyManager::ZVRMediaProxyManager() {
+  ZVR_LOG(kProgress, "enter, %p\n", static_cast<void*>(this));
+  syncMode_.store(false);
+  createModelAccess();
+  // A refused connection leaves no model access; requests then report "No Access" and retry.
+  std::shared_ptr<ZVRModelAccess> access = std::atomic_load(&modelAccess_);
+  if (access) access->startEventListener();
+}
+
+ZVRMediaProxyManager::~ZVRMediaProxyManager() {
+  ZVR_LOG(kProgress, "enter\n");
+  syncMode_.store(false);
+  std::lock_guard<std::mutex> lock(eventMutex_);
+  if (eventMemory_ != nullptr) {
+    munmap(const_cast<char*>(eventMemory_), kEventMemorySize);
+    eventMemory_ = nullptr;
+    shm_unlink(kEventMemoryName);
+  }
+}
+
+void ZVRMediaProxyManager::onZVRConnected() {}
+
+void ZVRMediaProxyManager::createModelAccess() {
+  if (std::atomic_load(&modelAccess_)) return;
+  std::shared_ptr<ZVRModelAccess> access;
+  try {
+    access = std::make_shared<ZVRModelAccess>(this);
+  } catch (...) {
+    // The platform refused the connection. The field stays empty: every request reports
+    // "No Access" and tries again through this function.
+    return;
+  }
+  // Two threads that both found no connection race here; the loser's connection was never
+  // started and is dropped.
+  std::shared_ptr<ZVRModelAccess> none;
+  if (!std::atomic_compare_exchange_strong(&modelAccess_, &none, access)) return;
+  try {
+    access->start();
+  } catch (...) {
+    std::atomic_store(&modelAccess_, std::shared_ptr<ZVRModelAccess>());
+  }
+}
+
+std::shared_ptr<ZVRModelAccess> ZVRMediaProxyManager::connection() {
+  createModelAccess();
+  return std::atomic_load(&modelAccess_);
+}
+
+int ZVRMediaProxyManager::requestStartZVRService() {
+  std::shared_ptr<ZVRModelAccess> access = std::atomic_load(&modelAccess_);
+  if (access) return access->requestStartZVRService();
+  ZVR_LOG(kError, "Cannot get access.\n");
+  return -1;
+}
+
+void ZVRMediaProxyManager::setZVRCallback(ZVRCallback callback) { callback_.store(callback); }
+
+void ZVRMediaProxyManager::notifyDefinitionsChanged(const std::string& id,
+                                                    std::string definitions) {
+  ZVRCallback callback = callback_.load();
+  if (callback != nullptr) {
+    callback(id, "definitions", definitions);
+  } else {
+    ZVR_LOG(kProgress, "notify error\n");
+  }
+}
+
+void ZVRMediaProxyManager::notifyURLChanged(const std::string& id, std::string url) {
+  ZVRCallback callback = callback_.load();
+  if (callback != nullptr) {
+    callback(id, "url", url);
+  } else {
+    ZVR_LOG(kProgress, "notify error\n");
+  }
+}
+
+// --- Registry and identifiers ------------------------------------------------------------------
+
+void ZVRMediaProxyManager::cacheProxyObject(std::shared_ptr<ZVRMediaProxyObject> object) {
+  std::string key = object->id();
+  std::lock_guard<std::mutex> registryLock(registryMutex_);
+  // emplace keeps an existing entry: the first registration of an id wins.
+  proxyRegistry_.emplace(std::move(key), std::move(object));
+}
+
+std::shared_ptr<ZVRMediaProxyObject> ZVRMediaProxyManager::findProxyObjectFromCache(
+    const std::string& id) {
+  DispatchLock lock(mutex_);
+  std::lock_guard<std::mutex> registryLock(registryMutex_);
+  auto it = proxyRegistry_.find(id);
+  return it != proxyRegistry_.end() ? it->second : std::shared_ptr<ZVRMediaProxyObject>();
+}
+
+void ZVRMediaProxyManager::removeProxyObjectFromCache(const std::string& id) {
+  std::lock_guard<OwnedMutex> lock(mutex_);
+  std::vector<std::shared_ptr<ZVRMediaProxyObject>> removed;
+  std::vector<std::string> removedKeys;
+  {
+    std::lock_guard<std::mutex> registryLock(registryMutex_);
+    for (auto it = proxyRegistry_.begin(); it != proxyRegistry_.end();) {
+      if (it->first.size() == id.size() &&
+          std::memcmp(it->first.data(), id.data(), id.size()) == 0) {
+        removedKeys.push_back(it->first);
+        removed.push_back(std::move(it->second));
+        it = proxyRegistry_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+  for (const std::string& key : removedKeys) {
+    ZVR_LOG(kProgress, "find in cache and remove proxy, id:%s\n", key.c_str());
+  }
+  // The released objects are destroyed here, still under the manager mutex but outside the
+  // registry's leaf lock.
+  removed.clear();
+}
+
+std::shared_ptr<ZVRMediaProxyObject> ZVRMediaProxyManager::findObjectById(std::string id) {
+  return findProxyObjectFromCache(id);
+}
+
+std::string ZVRMediaProxyManager::getRemoteObjectId(std::string id) {
+  auto it = remoteIdMap_.find(id);
+  return it != remoteIdMap_.end() ? it->second : std::string();
+}
+
+std::string ZVRMediaProxyManager::generateUUID() {
+  uuid_t bytes;
+  uuid_generate(bytes);
+  // The first three groups read their bytes as little-endian numbers, so they show them reversed
+  // against the usual UUID text; the last group is the remaining eight bytes in order.
+  const unsigned int first =
+      static_cast<unsigned int>(bytes[0]) | static_cast<unsigned int>(bytes[1]) << 8 |
+      static_cast<unsigned int>(bytes[2]) << 16 | static_cast<unsigned int>(bytes[3]) << 24;
+  const unsigned int second =
+      static_cast<unsigned int>(bytes[4]) | static_cast<unsigned int>(bytes[5]) << 8;
+  const unsigned int third =
+      static_cast<unsigned int>(bytes[6]) | static_cast<unsigned int>(bytes[7]) << 8;
+  std::unique_ptr<char[]> text(new char[256]);
+  std::snprintf(text.get(), 256, "%08X-%04X-%04X-%02X%02X%02X%02X%02X%02X%02X%02X", first, second,
+                third, bytes[8], bytes[9], bytes[10], bytes[11], bytes[12], bytes[13], bytes[14],
+                bytes[15]);
+  return std::string(text.get());
+}
+
+std::string ZVRMediaProxyManager::getNextSessionId() { return "ses-" + generateUUID(); }
+
+// --- Proxy creation ----------------------------------------------------------------------------
+
+void ZVRMediaProxyManager::clearResponseIds() {
+  std::lock_guard<std::mutex> lock(responseMutex_);
+  responseIds_.clear();
+}
+
+bool ZVRMediaProxyManager::lastResponseId(std::string* id) {
+  std::lock_guard<std::mutex> lock(responseMutex_);
+  if (responseIds_.empty()) return false;
+  *id = responseIds_.back();
+  return true;
+}
+
+void ZVRMediaProxyManager::sendCreateCommand(ZVRModelAccess& access, const std::string& sessionId) {
+  std::vector<std::string> list;
+  setCommandParameter(list, kPosCommand, "create");
+  setCommandParameter(list, kPosSessionId, sessionId);
+  access.setAccessValue(kCommandKey, list);
+}
+
+void ZVRMediaProxyManager::requestCreateRemoteObject(std::string sessionId) {
+  if (syncMode_.load()) {
+    requestCreateRemoteObjectSync(sessionId);
+    return;
+  }
+  std::shared_ptr<ZVRModelAccess> access = connection();
+  if (!access) {
+    ZVR_LOG(kError, "No Access\n");
+    return;
+  }
+  ZVR_LOG(kProgress, "Create   RemoteObject.\n");
+  sendCreateCommand(*access, sessionId);
+}
+
+int ZVRMediaProxyManager::requestCreateRemoteObjectSync(std::string sessionId) {
+  std::shared_ptr<ZVRModelAccess> access = connection();
+  if (!access) {
+    ZVR_LOG(kError, "No Access\n");
+    return -1;
+  }
+  initializeZVREvent();
+  ZVR_LOG(kProgress, "Create  RemoteObject sync.\n");
+  sendCreateCommand(*access, sessionId);
+  return waitRequestRemoteObjectCompleted(sessionId, "created");
+}
+
+// Holds the manager mutex for the whole run except inside the two condition waits. In sync mode
+// the send below runs a synchronous wait on this thread with the mutex held; see DispatchLock for
+// how a "created" answer found there is dispatched without locking again.
+std::shared_ptr<ZVRMediaProxyObject> ZVRMediaProxyManager::createNewZVRMediaProxy() {
+  ZVR_LOG(kProgress, "Enter\n");
+  std::string sessionId = getNextSessionId();  // replaced by the first attempt; never sent
+  std::string resultId;
+  double t0 = base::log_now();
+  bool restarted = false;
+
+  std::unique_lock<OwnedMutex> lock(mutex_);
+  for (;;) {
+    ZVR_LOG(kProgress, "enter\n");
+    sessionId = getNextSessionId();
+    requestCreateRemoteObject(sessionId);
+    const double t = base::log_now();
+    if (!restarted && t - t0 > kFirstResponseLimitSeconds) {
+      ZVR_LOG(kError, "Wait response timeout for id:%s, restart zvr service.\n", sessionId.c_str());
+      clearResponseIds();
+      requestStartZVRService();
+      t0 = base::log_now();
+      completion_.wait_until(lock, std::chrono::system_clock::now() + kWaitAfterRestart);
+      restarted = true;
+    }
+    if (restarted && t - t0 > kTotalLimitSeconds) {
+      ZVR_LOG(kError, "Wait response total timeout for id:%s, just return.\n", sessionId.c_str());
+      clearResponseIds();
+      break;
+    }
+    const auto deadline = std::chrono::system_clock::now() + kWaitPerAttempt;
+    completion_.wait_until(lock, deadline);
+    if (std::chrono::system_clock::now() < deadline && lastResponseId(&resultId)) {
+      ZVR_LOG(kProgress, "wait done.\n");
+      break;
+    }
+  }
+  ZVR_LOG(kProgress, "id :%s\n", resultId.c_str());
+  std::shared_ptr<ZVRMediaProxyObject> object = ZVRMediaProxyObject::create(resultId);
+  cacheProxyObject(object);
+  return object;
+}
+
+std::shared_ptr<ZVRMediaProxyObject> ZVRMediaProxyManager::createNewZVRMediaProxySync() {
+  ZVR_LOG(kProgress, "Enter.\n");
+  syncMode_.store(true);
+  if (checkZVREventMemory() == -1) {
+    ZVR_LOG(kError, "service not work,  restart zvr service.\n");
+    clearResponseIds();
+    requestStartZVRService();
+    usleep(kPauseAfterRestartMicros);
+  }
+  if (checkZVREventMemory() == -1) {
+    usleep(kPauseBeforeThirdCheckMicros);
+    checkZVREventMemory();
+  }
+  std::string sessionId = getNextSessionId();
+  int result = requestCreateRemoteObjectSync(sessionId);
+  if (result == -1) {
+    clearResponseIds();
+    ZVR_LOG(kError, "Wait response timeout for id:%s, restart zvr service.\n", sessionId.c_str());
+    requestStartZVRService();
+    usleep(kPauseAfterRestartMicros);
+  }
+  std::string resultId;
+  // Sent again with the same session id, also after a success.
+  result = requestCreateRemoteObjectSync(sessionId);
+  if (result == -1) {
+    sessionId = getNextSessionId();
+    requestCreateRemoteObjectSync(sessionId);
+  }
+  lastResponseId(&resultId);  // stays empty when no "created" answer came
+  ZVR_LOG(kProgress, "id :%s\n", resultId.c_str());
+  std::shared_ptr<ZVRMediaProxyObject> object = ZVRMediaProxyObject::create(resultId);
+  cacheProxyObject(object);
+  return object;
+}
+
+std::shared_ptr<ZVRMediaProxyObject> ZVRMediaProxyManager::createNewZVRMediaProxy(std::string id) {
+  removeProxyObjectFromCache(id);
+  std::shared_ptr<ZVRMediaProxyObject> object = ZVRMediaProxyObject::create(id);
+  {
+    std::lock_guard<OwnedMutex> lock(mutex_);
+    cacheProxyObject(object);
+  }
+  return object;
+}
+
+std::shared_ptr<ZVRMediaProxyObject> ZVRMediaProxyManager::createNewZVRMediaProxySync(
+    std::string id) {
+  ZVR_LOG(kProgress, "Enter, id:%s\n", id.c_str());
+  syncMode_.store(true);
+  checkZVREventMemory();
+  return createNewZVRMediaProxy(id);
+}
+
+// --- Command channel ---------------------------------------------------------------------------
+
+void ZVRMediaProxyManager::setCommandParameter(std::vector<std::string>& list,
+                                               unsigned int position, const std::string& text) {
+  if (list.size() < kCommandPositions) {
+    list.reserve(kCommandPositions);
+    list.assign(kCommandPositions, std::string());
+  }
+  if (position >= list.size()) {
+    ZVR_LOG(kError, "position %u out of range\n", position);
+    return;
+  }
+  list[position] = text;
+}
+
+std::string ZVRMediaProxyManager::sendCommand(
+    ZVRModelAccess& access, const char* word,
+    const std::vector<std::pair<unsigned int, std::string>>& fields, bool stamped) {
+  std::string sessionId = getNextSessionId();
+  std::vector<std::string> list;
+  setCommandParameter(list, kPosCommand, word);
+  for (const auto& f : fields) setCommandParameter(list, f.first, f.second);
+  setCommandParameter(list, kPosSessionId, sessionId);
+  if (stamped) setCommandParameter(list, kPosTimestamp, formatDouble(base::log_now()));
+  access.setAccessValue(kCommandKey, list);
+  return sessionId;
+}
+
+void ZVRMediaProxyManager::requestRemoteObjectStart(const std::string& id, const std::string& url,
+                                                    int mode) {
+  if (syncMode_.load()) {
+    requestRemoteObjectStartSync(id, url, mode);
+    return;
+  }
+  std::shared_ptr<ZVRModelAccess> access = connection();
+  if (!access) {
+    ZVR_LOG(kError, "No Access\n");
+    return;
+  }
+  sendCommand(*access, "start",
+              {{kPosObjectId, id}, {kPosInteger, formatInt(mode)}, {kPosText1, url}}, true);
+}
+
+void ZVRMediaProxyManager::requestRemoteObjectStop(const std::string& id) {
+  if (syncMode_.load()) {
+    requestRemoteObjectStopSync(id);
+    return;
+  }
+  std::shared_ptr<ZVRModelAccess> access = connection();
+  if (!access) {
+    ZVR_LOG(kError, "No Access\n");
+    return;
+  }
+  sendCommand(*access, "stop", {{kPosObjectId, id}}, true);
+}
+
+void ZVRMediaProxyManager::requestRemoteObjectSeek(const std::string& id, double position,
+                                                   const std::string& text) {
+  if (syncMode_.load()) {
+    requestRemoteObjectSeekSync(id, position, text);
+    return;
+  }
+  std::shared_ptr<ZVRModelAccess> access = connection();
+  if (!access) {
+    ZVR_LOG(kError, "No Access\n");
+    return;
+  }
+  sendCommand(*access, "seek",
+              {{kPosObjectId, id}, {kPosPosition, formatDouble(position)}, {kPosText1, text}},
+              true);
+}
+
+void ZVRMediaProxyManager::requestRemoteObjectPreload(const std::string& id, double position,
+                                                      const std::string& text1,
+                                                      const std::string& text2,
+                                                      const std::string& text3) {
+  if (syncMode_.load()) {
+    requestRemoteObjectPreloadSync(id, position, text1, text2, text3);
+    return;
+  }
+  std::shared_ptr<ZVRModelAccess> access = connection();
+  if (!access) {
+    ZVR_LOG(kError, "No Access\n");
+    return;
+  }
+  sendCommand(*access, "preload",
+              {{kPosObjectId, id},
+               {kPosPosition, formatDouble(position)},
+               {kPosText1, text1},
+               {kPosText2, text2},
+               {kPosText3, text3}},
+              true);
+}
+
+void ZVRMediaProxyManager::requestRemoteObjectPause(const std::string& /*id*/) {
+  std::fprintf(stdout, " NotImplemented %s,%s,%d\n", sourceBaseName(__FILE__),
+               "requestRemoteObjectPause", __LINE__);
+  std::fflush(stdout);
+  ZVR_LOG(kError, "NotImplemented.\n");
+}
+
+void ZVRMediaProxyManager::requestRemoteObjectInspect() {
+  if (syncMode_.load()) {
+    requestRemoteObjectInspectSync();
+    return;
+  }
+  std::shared_ptr<ZVRModelAccess> access = connection();
+  if (!access) {
+    ZVR_LOG(kError, "No Access\n");
+    return;
+  }
+  sendCommand(*access, "inspect", {}, false);
+}
+
+// --- Synchronous requests ----------------------------------------------------------------------
+
+int ZVRMediaProxyManager::requestRemoteObjectStartSync(const std::string& id,
+                                                       const std::string& url, int mode) {
+  std::shared_ptr<ZVRModelAccess> access = connection();
+  if (!access) {
+    ZVR_LOG(kError, "No Access\n");
+    return -1;
+  }
+  ZVR_LOG(kProgress, "request RemoteObject Start sync.\n");
+  const std::string sessionId =
+      sendCommand(*access, "start",
+                  {{kPosObjectId, id}, {kPosInteger, formatInt(mode)}, {kPosText1, url}}, true);
+  return waitRequestRemoteObjectCompleted(sessionId, "started");
+}
+
+int ZVRMediaProxyManager::requestRemoteObjectStopSync(const std::string& id) {
+  std::shared_ptr<ZVRModelAccess> access = connection();
+  if (!access) {
+    ZVR_LOG(kError, "No Access\n");
+    return -1;
+  }
+  ZVR_LOG(kProgress, "request RemoteObject Stop sync.\n");
+  const std::string sessionId = sendCommand(*access, "stop", {{kPosObjectId, id}}, true);
+  return waitRequestRemoteObjectCompleted(sessionId, "stopped");
+}
+
+int ZVRMediaProxyManager::requestRemoteObjectSeekSync(const std::string& id, double position,
+                                                      const std::string& text) {
+  std::shared_ptr<ZVRModelAccess> access = connection();
+  if (!access) {
+    ZVR_LOG(kError, "No Access\n");
+    return -1;
+  }
+  ZVR_LOG(kProgress, "request RemoteObject seek sync.\n");
+  const std::string sessionId = sendCommand(
+      *access, "seek",
+      {{kPosObjectId, id}, {kPosPosition, formatDouble(position)}, {kPosText1, text}}, true);
+  return waitRequestRemoteObjectCompleted(sessionId, "seeked");
+}
+
+int ZVRMediaProxyManager::requestRemoteObjectPreloadSync(const std::string& id, double position,
+                                                         const std::string& text1,
+                                                         const std::string& text2,
+                                                         const std::string& text3) {
+  std::shared_ptr<ZVRModelAccess> access = connection();
+  if (!access) {
+    ZVR_LOG(kError, "No Access\n");
+    return -1;
+  }
+  ZVR_LOG(kProgress, "request RemoteObject preload sync.\n");
+  const std::string sessionId = sendCommand(*access, "preload",
+                                            {{kPosObjectId, id},
+                                             {kPosPosition, formatDouble(position)},
+                                             {kPosText1, text1},
+                                             {kPosText2, text2},
+                                             {kPosText3, text3}},
+                                            true);
+  return waitRequestRemoteObjectCompleted(sessionId, "started");
+}
+
+int ZVRMediaProxyManager::requestRemoteObjectPauseSync(const std::string& /*id*/) { return 0; }
+
+int ZVRMediaProxyManager::requestRemoteObjectInspectSync() {
+  std::shared_ptr<ZVRModelAccess> access = connection();
+  if (!access) {
+    ZVR_LOG(kError, "No Access\n");
+    return -1;
+  }
+  initializeZVREvent();
+  ZVR_LOG(kProgress, "request RemoteObject inspect sync.\n");
+  const std::string sessionId = sendCommand(*access, "inspect", {}, false);
+  return waitRequestRemoteObjectCompleted(sessionId, "status");
+}
+
+// Holds the manager mutex until it returns. In sync mode the inspect request below waits
+// synchronously on this thread; see DispatchLock for the "status" answer found there.
+bool ZVRMediaProxyManager::checkZVRServiceAlive() {
+  ZVR_LOG(kProgress, "Enter \n");
+  std::unique_lock<OwnedMutex> lock(mutex_);
+  requestRemoteObjectInspect();
+  const auto deadline = std::chrono::system_clock::now() + kAliveWait;
+  completion_.wait_until(lock, deadline);
+  if (std::chrono::system_clock::now() < deadline) {
+    ZVR_LOG(kProgress, "wait done.\n");
+    return true;
+  }
+  ZVR_LOG(kProgress, "wait  timeout.\n");
+  return false;
+}
+
+int ZVRMediaProxyManager::waitRequestRemoteObjectCompleted(std::string sessionId,
+                                                           std::string name) {
+  ZVR_LOG(kProgress, "enter  id:%s, name:%s\n", sessionId.c_str(), name.c_str());
+  std::vector<std::string> record = readZVREventMemory();
+  std::string seenId = field(record, kPosSessionId);
+  std::string seenName = field(record, kPosCommand);
+  int elapsed = 0;
+  for (;;) {
+    if (seenId == sessionId && seenName == name) {
+      ZVR_LOG(kProgress, " used time: %d/%d\n", elapsed, kTimeLimit);
+      onZVREvent(record);
+      return 0;
+    }
+    usleep(kPollIntervalMicros);
+    elapsed += kTimeStep;
+    record = readZVREventMemory();
+    seenId = field(record, kPosSessionId);
+    seenName = field(record, kPosCommand);
+    ZVR_LOG(kProgress, " id:%s, name:%s\n", seenId.c_str(), seenName.c_str());
+    if (elapsed == kTimeLimit) break;
+  }
+  ZVR_LOG(kError, "Task timeout: %d/%d\n", kTimeLimit, kTimeLimit);
+  return -1;
+}
+
+// --- Event channel -----------------------------------------------------------------------------
+
+int ZVRMediaProxyManager::checkZVREventMemory() {
+  const int fd = shm_open(kEventMemoryName, O_RDWR, 0666);
+  if (fd < 0) {
+    ZVR_LOG(kProgress, "Failed to allocate shared memory\n\n");
+    return -1;
+  }
+  if (ftruncate(fd, kEventMemorySize) != 0) {
+    ZVR_LOG(kProgress, "Failed to allocate shared memory\n\n");
+    return -1;  // the descriptor stays open on this path
+  }
+  void* address = mmap(nullptr, kEventMemorySize, PROT_READ, MAP_SHARED, fd, 0);
+  const char* memory = address == MAP_FAILED ? nullptr : static_cast<const char*>(address);
+  {
+    // A new mapping replaces the old one, which stays mapped.
+    std::lock_guard<std::mutex> lock(eventMutex_);
+    eventMemory_ = memory;
+  }
+  if (memory == nullptr) {
+    ZVR_LOG(kProgress, "Failed to mmap buffer shared memory\n\n");
+    return -1;  // the descriptor stays open on this path
+  }
+  close(fd);
+  return 0;
+}
+
+std::vector<std::string> ZVRMediaProxyManager::readZVREventMemory() {
+  std::vector<std::string> record;
+  std::string text;
+  bool mapped = false;
+  {
+    std::lock_guard<std::mutex> lock(eventMutex_);
+    if (eventMemory_ != nullptr) {
+      mapped = true;
+      std::memcpy(eventBuffer_, eventMemory_, kEventMemorySize);
+      // A writer that left no zero byte gets its 4096 bytes read, never more.
+      text.assign(eventBuffer_, strnlen(eventBuffer_, kEventMemorySize));
+    }
+  }
+  if (!mapped) {
+    ZVR_LOG(kProgress, "memory NULL.\n");
+    return record;
+  }
+  ZVR_LOG(kProgress, "buf: %s\n", text.c_str());
+
+  Json::Value root;
+  bool parsed = false;
+  try {
+    Json::Reader reader;
+    parsed = reader.parse(text, root, true);
+  } catch (const std::exception&) {
+    parsed = false;
+  }
+  if (!parsed) {
+    ZVR_LOG(kError, "Fail to parse json string:%s.\n", text.c_str());
+    return record;
+  }
+  ZVR_LOG(kProgress, "updateParameters\n");
+  record.reserve(kCommandPositions);
+  for (std::size_t n = 0; n < kCommandPositions; ++n) {
+    record.push_back(memberText(root, std::to_string(n).c_str()));
+  }
+  for (std::size_t i = 0; i < record.size(); ++i) {
+    ZVR_LOG(kVerbose, "parameter %d:   %s \n", static_cast<int>(i), record[i].c_str());
+  }
+  return record;
+}
+
+std::vector<std::string> ZVRMediaProxyManager::readZVREvent() {
+  std::vector<std::string> record = readZVREventMemory();
+  if (!record.empty()) {
+    ZVR_LOG(kProgress, "read memory success.\n");
+    return record;
+  }
+  std::shared_ptr<ZVRModelAccess> access = std::atomic_load(&modelAccess_);
+  if (!access) return record;  // no connection: nothing to read
+  access->getAccessValue(kEventKey, record);
+  for (std::size_t i = 0; i < record.size(); ++i) {
+    ZVR_LOG(kVerbose, "parameter %d: %s \n", static_cast<int>(i), record[i].c_str());
+  }
+  return record;
+}
+
+void ZVRMediaProxyManager::initializeZVREvent() {
+  ZVR_LOG(kProgress, "initializeZVREvent.\n");
+  std::shared_ptr<ZVRModelAccess> access = connection();
+  if (!access) {
+    ZVR_LOG(kError, "No Access\n");
+    return;
+  }
+  std::vector<std::string> reset(kResetRecordSize);
+  reset[0] = "unknown";
+  access->setAccessValue(kEventKey, reset);
+}
+
+// --- Event dispatch ----------------------------------------------------------------------------
+
+void ZVRMediaProxyManager::onZVREvent(std::vector<std::string>& record) {
+  const std::string objectId = field(record, 3);
+  const std::string sessionId = field(record, 2);
+  const std::string name = field(record, 0);
+  const std::string code = field(record, 1);
+
+  if (name == "created") {
+    if (code != "200") {
+      ZVR_LOG(kError, "Create Failed: %s\n", sessionId.c_str());
+      return;
+    }
+    ZVR_LOG(kHeadline, "New Created Object: %s - %s\n", sessionId.c_str(), objectId.c_str());
+    DispatchLock lock(mutex_);
+    {
+      std::lock_guard<std::mutex> responseLock(responseMutex_);
+      responseIds_.push_back(objectId);
+    }
+    completion_.notify_all();
+    return;
+  }
+  if (name == "status") {
+    ZVR_LOG(kProgress, "zvr service alive: %s - %s\n", sessionId.c_str(), objectId.c_str());
+    DispatchLock lock(mutex_);
+    completion_.notify_all();
+    return;
+  }
+  std::shared_ptr<ZVRMediaProxyObject> object = findProxyObjectFromCache(objectId);
+  if (object) {
+    object->onZVREvent(record);
+  } else {
+    ZVR_LOG(kError, "unable to find object for event: %s, %s,%s\n", name.c_str(), code.c_str(),
+            objectId.c_str());
+  }
+}
+
+}  // namespace velmora

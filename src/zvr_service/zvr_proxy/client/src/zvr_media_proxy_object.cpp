@@ -1,0 +1,243 @@
+#include "zvr_media_proxy_object.h"
+
+#include <iostream>
+#include <utility>
+
+#include "zvr_log.h"
+#include "zvr_media_proxy_manager.h"
+
+namespace velmora {
+
+using logging::kError;
+using logging::kHeadline;
+using logging::kProgress;
+
+namespace {
+
+// Position i of a record, or the empty text beyond its end.
+const std::string& field(const std::vector<std::string>& record, std::size_t i) {
+  static const std::string* const kEmpty = new std::string();
+  return i < record.size() ? record[i] : *kEmpty;
+}
+
+const char kOk[] = "200";
+
+}  // namespace
+
+std::shared_ptr<ZVRMediaProxyObject> ZVRMediaProxyObject::create(std::string id) {
+  return std::shared_ptr<ZVRMediaProxyObject>(new ZVRMediaProxyObject(std::move(id)));
+}
+
+ZVRMediaProxyObject::ZVRMediaProxyObject(std::string id) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ZVR_LOG(kProgress, "new ProxyObject id:%s\n", id.c_str());
+  id_ = std::move(id);
+  state_.store(STATE_IDLE);
+  {
+    std::lock_guard<std::mutex> textLock(textMutex_);
+    localURL_.clear();
+    definitions_.clear();
+  }
+  manager_ = ZVRMediaProxyManager::getInstance();
+  seekPosition_.store(0.0);
+}
+
+ZVRMediaProxyObject::~ZVRMediaProxyObject() = default;
+
+std::string ZVRMediaProxyObject::id() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return id_;
+}
+
+std::string ZVRMediaProxyObject::localURL() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<std::mutex> textLock(textMutex_);
+  return localURL_;
+}
+
+int ZVRMediaProxyObject::getState() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return state_.load();
+}
+
+void ZVRMediaProxyObject::copyTexts(std::string* url, std::string* definitions) {
+  std::lock_guard<std::mutex> textLock(textMutex_);
+  *url = localURL_;
+  *definitions = definitions_;
+}
+
+void ZVRMediaProxyObject::setLocalURL_l(std::string url) {
+  std::lock_guard<std::mutex> textLock(textMutex_);
+  localURL_ = std::move(url);
+}
+
+void ZVRMediaProxyObject::start(std::string url, int mode) {
+  ZVR_TRACE();
+  std::string id;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    state_.store(STATE_STARTING);
+    id = id_;
+  }
+  if (mode != 0) {
+    manager_->requestRemoteObjectStart(id, url, mode);
+    return;
+  }
+  // Mode 0 takes over what an earlier preload prepared; no start request is sent.
+  std::string preloadedURL;
+  std::string preloadedDefinitions;
+  copyTexts(&preloadedURL, &preloadedDefinitions);
+  if (!preloadedURL.empty()) {
+    ZVR_LOG(kProgress, "notification from preload has been received\n");
+    manager_->notifyURLChanged(id, preloadedURL);
+    manager_->notifyDefinitionsChanged(id, preloadedDefinitions);
+  } else {
+    ZVR_LOG(kProgress, "notification from preload is not received, and will read it first\n");
+    std::vector<std::string> record = manager_->readZVREvent();
+    onZVREvent(record);
+  }
+}
+
+void ZVRMediaProxyObject::stop() {
+  ZVR_TRACE();
+  std::string id;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    state_.store(STATE_IDLE);
+    id = id_;
+    setLocalURL_l(std::string());
+  }
+  manager_->requestRemoteObjectStop(id);
+}
+
+void ZVRMediaProxyObject::pause() {
+  ZVR_TRACE();
+  std::string id;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    id = id_;
+  }
+  manager_->requestRemoteObjectPause(id);
+}
+
+void ZVRMediaProxyObject::seek(double position, std::string text) {
+  ZVR_TRACE();
+  seekPosition_.store(position);
+  std::string id;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    id = id_;
+  }
+  if (state_.load() == STATE_IDLE) return;  // nothing to seek in
+  manager_->requestRemoteObjectSeek(id, position, text);
+}
+
+void ZVRMediaProxyObject::preload(double position, std::string text1, std::string text2,
+                                  std::string text3) {
+  ZVR_TRACE();
+  // Resets the service's event value first, so that start(url, 0) can later read the preload's
+  // own answer.
+  manager_->initializeZVREvent();
+  std::string id;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    id = id_;
+    // An empty URL is how start(url, 0) tells that the preload's "started" has not come yet.
+    setLocalURL_l(std::string());
+  }
+  manager_->requestRemoteObjectPreload(id, position, text1, text2, text3);
+}
+
+// id_ never changes after construction, so it is compared without the mutex.
+void ZVRMediaProxyObject::onZVREvent(std::vector<std::string>& record) {
+  const std::string& name = field(record, 0);
+  const std::string& target = field(record, 3);
+  if (target != id_) return;
+
+  if (name == "started") {
+    const std::string& code = field(record, 1);
+    const std::string& url = field(record, 6);
+    const std::string& detail = field(record, 8);
+    ZVR_LOG(kHeadline, "ZVR Media Proxy stated : %s ( %s) ,  %s\n", code.c_str(), detail.c_str(),
+            url.c_str());
+    if (code != kOk) {
+      onMediaStartedFailed(code, detail);
+    } else {
+      onMediaStarted(url);
+    }
+  } else if (name == "stopped") {
+    const std::string& code = field(record, 1);
+    if (code != kOk) {
+      onMediaStoppedFailed(code, field(record, 8));
+    } else {
+      onMediaStopped();
+    }
+  } else if (name == "seeked") {
+    const std::string& code = field(record, 1);
+    if (code != kOk) {
+      onMediaSeekedFailed(code, field(record, 8));
+    } else {
+      onMediaSeeked();
+    }
+  } else if (name == "definition") {
+    onDefinitionsChanged(field(record, 7));
+  }
+}
+
+// Holds the mutex across the URL notification.
+void ZVRMediaProxyObject::onMediaStarted(std::string url) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  setLocalURL_l(url);
+  const int32_t previous = state_.load();
+  ZVR_LOG(kProgress, "the current state : %d\n", previous);
+  if (previous == STATE_STARTING) {
+    ZVR_LOG(kProgress, "notify\n");
+    manager_->notifyURLChanged(id_, url);
+  }
+  state_.store(STATE_STARTED);
+}
+
+void ZVRMediaProxyObject::onMediaStartedFailed(std::string /*code*/, std::string /*detail*/) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ZVR_LOG(kError, "Start failed when current state is :%d \n", state_.load());
+}
+
+void ZVRMediaProxyObject::onMediaStopped() {
+  // stop() has already moved to idle and cleared the URL.
+  std::lock_guard<std::mutex> lock(mutex_);
+}
+
+void ZVRMediaProxyObject::onMediaStoppedFailed(std::string code, std::string detail) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ZVR_LOG(kError, "Stopped Failed:  %s, %s ,%s\n", id_.c_str(), code.c_str(), detail.c_str());
+}
+
+void ZVRMediaProxyObject::onMediaSeeked() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ZVR_LOG(kHeadline, "Seek Done. %s\n", id_.c_str());
+}
+
+void ZVRMediaProxyObject::onMediaSeekedFailed(std::string /*code*/, std::string /*detail*/) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ZVR_LOG(kError, "Seek failed : %s\n", id_.c_str());
+}
+
+void ZVRMediaProxyObject::onDefinitionsChanged(std::string definitions) {
+  std::string id;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    id = id_;
+    std::lock_guard<std::mutex> textLock(textMutex_);
+    definitions_ = definitions;
+  }
+  const int32_t state = state_.load();
+  if (state == STATE_STARTING || state == STATE_STARTED) {
+    ZVR_LOG(kProgress, "notify\n");
+    manager_->notifyDefinitionsChanged(id, definitions);
+  } else {
+    ZVR_LOG(kError, "Invalid state:%d.\n", state);
+  }
+  ZVR_LOG(kProgress, "definitions : %s\n", definitions.c_str());
+}
+
+}  // namespace velmora

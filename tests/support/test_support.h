@@ -1,0 +1,90 @@
+// Small helpers shared by the unit tests: a latch, a recorder for the application callback, and
+// bounded polling.
+
+#ifndef ZVR_TESTS_SUPPORT_TEST_SUPPORT_H_
+#define ZVR_TESTS_SUPPORT_TEST_SUPPORT_H_
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace zvr_test {
+
+// Releases every waiter once `count` arrivals were made.
+class Latch {
+ public:
+  explicit Latch(int count) : count_(count) {}
+  void arriveAndWait() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (--count_ <= 0) {
+      released_.notify_all();
+      return;
+    }
+    released_.wait(lock, [this] { return count_ <= 0; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable released_;
+  int count_;
+};
+
+struct Notification {
+  std::string id;
+  std::string kind;
+  std::string value;
+  bool operator==(const Notification& o) const {
+    return id == o.id && kind == o.kind && value == o.value;
+  }
+};
+
+// The application callback is a plain function pointer, so its calls go to one process-wide
+// list. Pass CallbackRecorder::callback to setZVRCallback.
+class CallbackRecorder {
+ public:
+  static void callback(std::string id, std::string kind, std::string value) {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.calls.push_back({std::move(id), std::move(kind), std::move(value)});
+    s.changed.notify_all();
+  }
+  static std::vector<Notification> calls() {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    return state().calls;
+  }
+  static bool waitCalls(std::size_t count, std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(state().mutex);
+    return state().changed.wait_for(lock, timeout,
+                                    [count] { return state().calls.size() >= count; });
+  }
+
+ private:
+  struct State {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<Notification> calls;
+  };
+  static State& state() {
+    static State* const s = new State;
+    return *s;
+  }
+};
+
+// Polls `condition` every few milliseconds until it holds or `timeout` passes.
+inline bool eventually(const std::function<bool()>& condition,
+                       std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+}  // namespace zvr_test
+
+#endif  // ZVR_TESTS_SUPPORT_TEST_SUPPORT_H_
