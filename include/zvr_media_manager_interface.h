@@ -13,7 +13,8 @@
 //   - the two operations with an id send nothing and return at once.
 // A creation without id never returns an empty pointer: when the service stays silent, the
 // proxy returned has the empty id. An empty pointer means that the manager itself could not be
-// built (the platform connection failed).
+// built (the platform refused to start its event listener), or that the creation failed inside
+// the library (a lock or memory failure); both are logged.
 //
 // The callback receives (proxy id, "url" or "definitions", value). See
 // zvr_media_proxy_interface.h for the threads it runs on and what it may call.

@@ -15,7 +15,8 @@
 // One answer may reach the callback twice (once through the wait, once through the listener).
 // The "url" notification runs while the proxy's own mutex is held: from inside the callback, do
 // not call any operation of the proxy being notified (it would wait for that mutex for ever).
-// Other proxies and the manager may be used.
+// The manager may be used. Another proxy may be used only if its own "url" callback never calls
+// back into this one: two proxies notifying at once would each wait for the other's mutex.
 
 #ifndef ZVR_MEDIA_PROXY_INTERFACE_H_
 #define ZVR_MEDIA_PROXY_INTERFACE_H_

@@ -64,8 +64,8 @@ class ZVR_EXPORT ZVRMediaProxyManager : public ZVRModelAccessClient {
 
   // Registry and identifiers.
   void cacheProxyObject(std::shared_ptr<ZVRMediaProxyObject> object);
-  std::shared_ptr<ZVRMediaProxyObject> findProxyObjectFromCache(const std::string& id);
-  void removeProxyObjectFromCache(const std::string& id);
+  std::shared_ptr<ZVRMediaProxyObject> findProxyObjectFromCache(std::string id);
+  void removeProxyObjectFromCache(std::string id);
   std::shared_ptr<ZVRMediaProxyObject> findObjectById(std::string id);
   std::string getRemoteObjectId(std::string id);
   std::string generateUUID();
@@ -176,6 +176,8 @@ class ZVR_EXPORT ZVRMediaProxyManager : public ZVRModelAccessClient {
 
   // Only ever changes from false to true while the manager lives.
   std::atomic<bool> syncMode_{false};
+  // Set once the constructor has started the first connection's listener.
+  std::atomic<bool> constructed_{false};
 
   // Guarded by eventMutex_, a leaf lock held only to copy the mapped segment.
   char eventBuffer_[kEventMemorySize] = {};

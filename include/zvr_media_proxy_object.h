@@ -66,8 +66,9 @@ class ZVR_EXPORT ZVRMediaProxyObject : public ZVRMediaProxyInterface {
   void onDefinitionsChanged(std::string definitions);
 
  private:
-  // Copies of localURL_ and definitions_, taken under textMutex_.
-  void copyTexts(std::string* url, std::string* definitions);
+  // Copies taken under textMutex_ alone.
+  std::string copyLocalURL();
+  std::string copyDefinitions();
   void setLocalURL_l(std::string url);
 
   // Atomic because seek() and onDefinitionsChanged() read it without mutex_; written under it.

@@ -159,17 +159,23 @@ ZVRMediaProxyManager::ZVRMediaProxyManager() {
   // A refused connection leaves no model access; requests then report "No Access" and retry.
   std::shared_ptr<ZVRModelAccess> access = std::atomic_load(&modelAccess_);
   if (access) access->startEventListener();
+  constructed_.store(true);
 }
 
 ZVRMediaProxyManager::~ZVRMediaProxyManager() {
   ZVR_LOG(kProgress, "enter\n");
   syncMode_.store(false);
-  std::lock_guard<std::mutex> lock(eventMutex_);
-  if (eventMemory_ != nullptr) {
-    munmap(const_cast<char*>(eventMemory_), kEventMemorySize);
-    eventMemory_ = nullptr;
-    shm_unlink(kEventMemoryName);
+  {
+    std::lock_guard<std::mutex> lock(eventMutex_);
+    if (eventMemory_ != nullptr) {
+      munmap(const_cast<char*>(eventMemory_), kEventMemorySize);
+      eventMemory_ = nullptr;
+      shm_unlink(kEventMemoryName);
+    }
   }
+  // Released before any other member goes, so that its listener thread has stopped delivering
+  // events into a manager that is being torn down.
+  std::atomic_store(&modelAccess_, std::shared_ptr<ZVRModelAccess>());
 }
 
 void ZVRMediaProxyManager::onZVRConnected() {}
@@ -192,6 +198,16 @@ void ZVRMediaProxyManager::createModelAccess() {
     access->start();
   } catch (...) {
     std::atomic_store(&modelAccess_, std::shared_ptr<ZVRModelAccess>());
+    return;
+  }
+  // The constructor starts the listener of the first connection. A connection made later, after
+  // a refused one, needs its own listener, or no event would ever arrive through it.
+  if (constructed_.load()) {
+    try {
+      access->startEventListener();
+    } catch (...) {
+      // Events then only reach the library through the shared-memory buffer.
+    }
   }
 }
 
@@ -238,14 +254,14 @@ void ZVRMediaProxyManager::cacheProxyObject(std::shared_ptr<ZVRMediaProxyObject>
 }
 
 std::shared_ptr<ZVRMediaProxyObject> ZVRMediaProxyManager::findProxyObjectFromCache(
-    const std::string& id) {
+    std::string id) {
   DispatchLock lock(mutex_);
   std::lock_guard<std::mutex> registryLock(registryMutex_);
   auto it = proxyRegistry_.find(id);
   return it != proxyRegistry_.end() ? it->second : std::shared_ptr<ZVRMediaProxyObject>();
 }
 
-void ZVRMediaProxyManager::removeProxyObjectFromCache(const std::string& id) {
+void ZVRMediaProxyManager::removeProxyObjectFromCache(std::string id) {
   std::lock_guard<OwnedMutex> lock(mutex_);
   std::vector<std::shared_ptr<ZVRMediaProxyObject>> removed;
   std::vector<std::string> removedKeys;

@@ -60,10 +60,14 @@ int ZVRMediaProxyObject::getState() {
   return state_.load();
 }
 
-void ZVRMediaProxyObject::copyTexts(std::string* url, std::string* definitions) {
+std::string ZVRMediaProxyObject::copyLocalURL() {
   std::lock_guard<std::mutex> textLock(textMutex_);
-  *url = localURL_;
-  *definitions = definitions_;
+  return localURL_;
+}
+
+std::string ZVRMediaProxyObject::copyDefinitions() {
+  std::lock_guard<std::mutex> textLock(textMutex_);
+  return definitions_;
 }
 
 void ZVRMediaProxyObject::setLocalURL_l(std::string url) {
@@ -84,13 +88,11 @@ void ZVRMediaProxyObject::start(std::string url, int mode) {
     return;
   }
   // Mode 0 takes over what an earlier preload prepared; no start request is sent.
-  std::string preloadedURL;
-  std::string preloadedDefinitions;
-  copyTexts(&preloadedURL, &preloadedDefinitions);
+  const std::string preloadedURL = copyLocalURL();
   if (!preloadedURL.empty()) {
     ZVR_LOG(kProgress, "notification from preload has been received\n");
     manager_->notifyURLChanged(id, preloadedURL);
-    manager_->notifyDefinitionsChanged(id, preloadedDefinitions);
+    manager_->notifyDefinitionsChanged(id, copyDefinitions());
   } else {
     ZVR_LOG(kProgress, "notification from preload is not received, and will read it first\n");
     std::vector<std::string> record = manager_->readZVREvent();
