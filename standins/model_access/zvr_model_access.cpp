@@ -24,6 +24,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "log_utils.h"
@@ -91,6 +92,7 @@ struct ZVRModelAccess::Impl {
 
   // Built once by startEventListener(); only the listener thread uses it afterwards.
   std::unique_ptr<sdbus::IConnection> events;
+  std::thread listener;
 };
 
 bool ZVRModelAccess::Impl::connect_l() {
@@ -202,11 +204,15 @@ void ZVRModelAccess::Impl::onEvent(sdbus::Message& message) {
 ZVRModelAccess::ZVRModelAccess(ZVRModelAccessClient* client) : impl_(new Impl(client)) {}
 
 ZVRModelAccess::~ZVRModelAccess() {
-  if (impl_->events) {
-    try {
-      impl_->events->leaveEventLoop();
-    } catch (...) {
-    }
+  if (!impl_->events) return;
+  try {
+    impl_->events->leaveEventLoop();
+  } catch (...) {
+  }
+  if (impl_->listener.get_id() == std::this_thread::get_id()) {
+    impl_->listener.detach();
+  } else {
+    impl_->listener.join();
   }
 }
 
@@ -228,8 +234,16 @@ int ZVRModelAccess::startEventListener() {
         std::string("type='signal',sender='") + kBusName + "',interface='" + kBusInterface +
             "',member='NameOwnerChanged',arg0='" + zvr_bus::kServiceName + "'",
         [impl](sdbus::Message& m) { impl->onOwnerChanged(m); }, sdbus::floating_slot);
-    events->enterEventLoopAsync();
     impl_->events = std::move(events);
+    // The loop runs on a thread of ours rather than the library's own, so that losing the bus
+    // ends the listener with a log line instead of an uncaught exception.
+    impl_->listener = std::thread([impl] {
+      try {
+        impl->events->enterEventLoop();
+      } catch (const std::exception& e) {
+        logLine(kLogError, "event listener stopped: %s\n", e.what());
+      }
+    });
   } catch (const std::exception& e) {
     logLine(kLogError, "cannot start the event listener: %s\n", e.what());
     return -1;

@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -41,6 +42,10 @@ struct Notification {
     return id == o.id && kind == o.kind && value == o.value;
   }
 };
+
+inline std::ostream& operator<<(std::ostream& out, const Notification& n) {
+  return out << "(" << n.id << ", " << n.kind << ", " << n.value << ")";
+}
 
 // The application callback is a plain function pointer, so its calls go to one process-wide
 // list. Pass CallbackRecorder::callback to setZVRCallback.

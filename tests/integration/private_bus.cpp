@@ -1,0 +1,205 @@
+#include "private_bus.h"
+
+#include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <sdbus-c++/sdbus-c++.h>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "zvr_bus_protocol.h"
+
+extern char** environ;
+
+namespace zvr_test {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::string readFile(const std::string& path) {
+  std::ifstream file(path);
+  std::stringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+std::string replaceAll(std::string text, const std::string& from, const std::string& to) {
+  for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at)) {
+    text.replace(at, from.size(), to);
+    at += to.size();
+  }
+  return text;
+}
+
+template <typename Condition>
+bool pollUntil(Condition condition, int timeoutMs) {
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (!condition()) {
+    if (Clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+}  // namespace
+
+PrivateBus::PrivateBus(const std::vector<std::string>& emulatorOptions, bool activatable) {
+  char pattern[] = "/tmp/zvr-bus.XXXXXX";
+  if (mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp failed");
+  dir_ = pattern;
+  address_ = "unix:path=" + dir_ + "/bus.socket";
+  std::filesystem::create_directory(dir_ + "/services");
+
+  const std::string templates = ZVR_BUS_TEMPLATE_DIR;
+  std::ofstream(dir_ + "/bus.conf")
+      << replaceAll(readFile(templates + "/private-bus.conf.in"), "@DIR@", dir_);
+  if (activatable) {
+    std::ofstream(dir_ + "/services/velmora.zvr.MediaService.service") << replaceAll(
+        replaceAll(readFile(templates + "/velmora.zvr.MediaService.service.in"), "@DIR@", dir_),
+        "@EMULATOR@", ZVR_EMULATOR_PATH);
+  }
+  std::ofstream config(dir_ + "/emulator.conf");
+  for (const std::string& option : emulatorOptions) config << option << "\n";
+  config.close();
+
+  const std::string configArgument = "--config-file=" + dir_ + "/bus.conf";
+  char* const argv[] = {const_cast<char*>("dbus-daemon"), const_cast<char*>(configArgument.c_str()),
+                        const_cast<char*>("--nofork"), nullptr};
+  pid_t pid = -1;
+  if (posix_spawnp(&pid, "dbus-daemon", nullptr, nullptr, argv, environ) != 0) {
+    throw std::runtime_error("cannot start dbus-daemon");
+  }
+  daemonPid_ = pid;
+  const std::string socket = dir_ + "/bus.socket";
+  if (!pollUntil([&] { return access(socket.c_str(), F_OK) == 0; }, 10000)) {
+    throw std::runtime_error("dbus-daemon did not come up");
+  }
+  setenv(zvr_bus::kAddressVariable, address_.c_str(), 1);
+  connection_ = sdbus::createSessionBusConnectionWithAddress(address_);
+}
+
+PrivateBus::~PrivateBus() {
+  try {
+    uint32_t pid = 0;
+    daemon()
+        .callMethod("GetConnectionUnixProcessID")
+        .onInterface("org.freedesktop.DBus")
+        .withArguments(std::string(zvr_bus::kServiceName))
+        .storeResultsTo(pid);
+    if (pid != 0) {
+      kill(static_cast<pid_t>(pid), SIGTERM);
+      waitEmulatorGone(5000);
+    }
+  } catch (const std::exception&) {
+    // No emulator on the bus.
+  }
+  emulatorProxy_.reset();
+  daemonProxy_.reset();
+  connection_.reset();
+  if (daemonPid_ > 0) {
+    kill(daemonPid_, SIGTERM);
+    int status = 0;
+    waitpid(daemonPid_, &status, 0);
+  }
+  std::error_code ignored;
+  std::filesystem::remove_all(dir_, ignored);
+}
+
+sdbus::IProxy& PrivateBus::daemon() {
+  if (!daemonProxy_) {
+    daemonProxy_ =
+        sdbus::createProxy(*connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus");
+    daemonProxy_->finishRegistration();
+  }
+  return *daemonProxy_;
+}
+
+sdbus::IProxy& PrivateBus::emulator() {
+  if (!emulatorProxy_) {
+    emulatorProxy_ = sdbus::createProxy(*connection_, zvr_bus::kServiceName, zvr_bus::kObjectPath);
+    emulatorProxy_->finishRegistration();
+  }
+  return *emulatorProxy_;
+}
+
+bool PrivateBus::emulatorRunning() {
+  bool owned = false;
+  try {
+    daemon()
+        .callMethod("NameHasOwner")
+        .onInterface("org.freedesktop.DBus")
+        .withArguments(std::string(zvr_bus::kServiceName))
+        .storeResultsTo(owned);
+  } catch (const std::exception&) {
+    return false;
+  }
+  return owned;
+}
+
+bool PrivateBus::startEmulator() {
+  try {
+    uint32_t result = 0;
+    daemon()
+        .callMethod("StartServiceByName")
+        .onInterface("org.freedesktop.DBus")
+        .withTimeout(std::chrono::seconds(10))
+        .withArguments(std::string(zvr_bus::kServiceName), uint32_t(0))
+        .storeResultsTo(result);
+  } catch (const std::exception&) {
+    return false;
+  }
+  return pollUntil([this] { return emulatorRunning(); }, 10000);
+}
+
+bool PrivateBus::waitEmulatorGone(int timeoutMs) {
+  return pollUntil([this] { return !emulatorRunning(); }, timeoutMs);
+}
+
+bool PrivateBus::setOption(const std::string& option) {
+  int32_t result = -1;
+  std::string error;
+  try {
+    emulator()
+        .callMethod("SetOption")
+        .onInterface(zvr_bus::kEmulatorInterface)
+        .withArguments(option)
+        .storeResultsTo(result, error);
+  } catch (const std::exception&) {
+    return false;
+  }
+  return result == 0;
+}
+
+std::vector<std::vector<std::string>> PrivateBus::recordedCommands() {
+  std::vector<std::vector<std::string>> commands;
+  try {
+    emulator()
+        .callMethod("RecordedCommands")
+        .onInterface(zvr_bus::kEmulatorInterface)
+        .storeResultsTo(commands);
+  } catch (const std::exception&) {
+  }
+  return commands;
+}
+
+bool PrivateBus::waitRecorded(std::size_t count, int timeoutMs) {
+  return pollUntil([&] { return recordedCommands().size() >= count; }, timeoutMs);
+}
+
+int PrivateBus::run(const std::string& commandLine) {
+  const std::string full = "env ZVR_DBUS_ADDRESS='" + address_ + "' DBUS_SESSION_BUS_ADDRESS='" +
+                           address_ + "' " + commandLine;
+  const int status = std::system(full.c_str());
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace zvr_test
