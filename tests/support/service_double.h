@@ -93,8 +93,10 @@ class ServiceDouble {
     return answer;
   }
 
-  // Publishes a record now, through the current delivery mode.
+  // Publishes a record now, through the current delivery mode. One record at a time, as the
+  // service writes its segment.
   void publish(const std::vector<std::string>& record) {
+    std::lock_guard<std::mutex> publishing(publishMutex_);
     Delivery delivery;
     {
       std::lock_guard<std::mutex> lock(mutex_);
@@ -133,6 +135,7 @@ class ServiceDouble {
   }
 
   ShmWriter* const writer_;
+  std::mutex publishMutex_;  // taken before mutex_
   mutable std::mutex mutex_;
   Delivery delivery_;
   bool allSilent_ = false;
