@@ -17,6 +17,7 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -92,7 +93,13 @@ struct ZVRModelAccess::Impl {
 
   // Built once by startEventListener(); only the listener thread uses it afterwards.
   std::unique_ptr<sdbus::IConnection> events;
-  std::thread listener;
+
+  // The listener thread is detached, since it may end by itself when the bus goes away; the
+  // destructor waits for it through these instead of joining.
+  std::mutex listenerMutex;
+  std::condition_variable listenerDone;
+  bool listenerRunning = false;
+  std::thread::id listenerId;
 };
 
 bool ZVRModelAccess::Impl::connect_l() {
@@ -209,11 +216,9 @@ ZVRModelAccess::~ZVRModelAccess() {
     impl_->events->leaveEventLoop();
   } catch (...) {
   }
-  if (impl_->listener.get_id() == std::this_thread::get_id()) {
-    impl_->listener.detach();
-  } else {
-    impl_->listener.join();
-  }
+  std::unique_lock<std::mutex> lock(impl_->listenerMutex);
+  if (impl_->listenerId == std::this_thread::get_id()) return;  // destroyed from a callback
+  impl_->listenerDone.wait(lock, [this] { return !impl_->listenerRunning; });
 }
 
 int ZVRModelAccess::start() {
@@ -237,13 +242,20 @@ int ZVRModelAccess::startEventListener() {
     impl_->events = std::move(events);
     // The loop runs on a thread of ours rather than the library's own, so that losing the bus
     // ends the listener with a log line instead of an uncaught exception.
-    impl_->listener = std::thread([impl] {
+    std::lock_guard<std::mutex> lock(impl->listenerMutex);
+    impl->listenerRunning = true;
+    std::thread listener([impl] {
       try {
         impl->events->enterEventLoop();
       } catch (const std::exception& e) {
         logLine(kLogError, "event listener stopped: %s\n", e.what());
       }
+      std::lock_guard<std::mutex> lock(impl->listenerMutex);
+      impl->listenerRunning = false;
+      impl->listenerDone.notify_all();
     });
+    impl->listenerId = listener.get_id();
+    listener.detach();
   } catch (const std::exception& e) {
     logLine(kLogError, "cannot start the event listener: %s\n", e.what());
     return -1;

@@ -339,4 +339,64 @@ TEST_F(BusIntegrationTest, ModelAccessWritesAndReadsTheServiceValues) {
   EXPECT_EQ(access.getAccessValue("no.such.key", read), -1);
 }
 
+// The emulator's fault modes, as tests and tools drive them from outside.
+
+TEST_F(BusIntegrationTest, EmulatorAnswersWithTheResultCodeItWasGiven) {
+  startBus();
+  ASSERT_TRUE(bus_->startEmulator());
+  ASSERT_TRUE(bus_->setOption("result=stop:503"));
+  std::shared_ptr<velmora::ZVRMediaProxyObject> proxy = manager()->createNewZVRMediaProxySync();
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(manager()->requestRemoteObjectStopSync(proxy->id()), 0);  // answered, not succeeded
+  const std::string log = ::testing::internal::GetCapturedStderr();
+  EXPECT_THAT(log, HasSubstr("Stopped Failed:  " + proxy->id() + ", 503 ,"));
+}
+
+TEST_F(BusIntegrationTest, EmulatorAnsweringTwiceDeliversEveryAnswerTwice) {
+  startBus({"twice=1", "definition-delay=50"});
+  ASSERT_TRUE(bus_->startEmulator());
+  manager()->setZVRCallback(&CallbackRecorder::callback);
+  std::shared_ptr<velmora::ZVRMediaProxyObject> proxy = manager()->createNewZVRMediaProxy("abc");
+  proxy->start("file:///media/a.ts", 1);
+  // Two "started": the first notifies the URL, the second finds the proxy started and stores it
+  // silently. Two "definition": each is notified.
+  ASSERT_TRUE(CallbackRecorder::waitCalls(3, std::chrono::seconds(5)));
+  const std::vector<Notification> calls = CallbackRecorder::calls();
+  ASSERT_EQ(calls.size(), 3u);
+  EXPECT_EQ(calls[0].kind, "url");
+  EXPECT_EQ(calls[1], (Notification{"abc", "definitions", "SD,HD,FHD"}));
+  EXPECT_EQ(calls[2], (Notification{"abc", "definitions", "SD,HD,FHD"}));
+}
+
+TEST_F(BusIntegrationTest, EmulatorWithAStaleSessionIdLeavesSynchronousWaitsUnanswered) {
+  startBus();
+  ASSERT_TRUE(bus_->startEmulator());
+  std::shared_ptr<velmora::ZVRMediaProxyObject> proxy = manager()->createNewZVRMediaProxySync();
+  ASSERT_TRUE(bus_->setOption("stale-session=1"));
+  EXPECT_EQ(manager()->requestRemoteObjectSeekSync(proxy->id(), 1.0, ""), -1);
+  EXPECT_EQ(manager()->requestRemoteObjectInspectSync(), -1);
+}
+
+TEST_F(BusIntegrationTest, EmulatorThatRefusesToStartLeavesTheServiceAbsent) {
+  startBus({"refuse-start=1"});
+  EXPECT_FALSE(bus_->startEmulator());
+  EXPECT_EQ(manager()->requestStartZVRService(), -1);
+  EXPECT_FALSE(bus_->emulatorRunning());
+}
+
+TEST_F(BusIntegrationTest, EmulatorRemovingTheSegmentMakesTheNextMappingFail) {
+  startBus();
+  ASSERT_TRUE(bus_->startEmulator());
+  ASSERT_EQ(manager()->checkZVREventMemory(), 0);
+  ASSERT_TRUE(bus_->setOption("remove-segment"));
+  EXPECT_EQ(manager()->checkZVREventMemory(), -1);
+}
+
+TEST_F(BusIntegrationTest, EmulatorRejectsAnUnknownOption) {
+  startBus();
+  ASSERT_TRUE(bus_->startEmulator());
+  EXPECT_FALSE(bus_->setOption("no-such-option=1"));
+  EXPECT_FALSE(bus_->setOption("delay=start:soon"));
+}
+
 }  // namespace
