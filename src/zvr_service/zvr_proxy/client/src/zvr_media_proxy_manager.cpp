@@ -17,6 +17,7 @@
 #include <iostream>
 #include <utility>
 
+#include "zvr_event_record.h"
 #include "zvr_log.h"
 #include "zvr_media_proxy_object.h"
 
@@ -64,11 +65,6 @@ constexpr std::chrono::nanoseconds kAliveWait(200000000);
 
 std::atomic<ZVRMediaProxyManager*> gInstance{nullptr};
 boost::recursive_mutex gManagerLock;
-
-// Position i of a record, or the empty text beyond its end.
-std::string field(const std::vector<std::string>& record, std::size_t i) {
-  return i < record.size() ? record[i] : std::string();
-}
 
 std::string formatInt(int value) {
   char text[16];
@@ -482,7 +478,7 @@ std::string ZVRMediaProxyManager::sendCommand(
   for (const auto& f : fields) setCommandParameter(list, f.first, f.second);
   setCommandParameter(list, kPosSessionId, sessionId);
   if (stamped) setCommandParameter(list, kPosTimestamp, formatDouble(base::log_now()));
-  access.setAccessValue(kCommandKey, list);
+  access.setAccessValue(kCommandKey, std::move(list));
   return sessionId;
 }
 
@@ -667,8 +663,8 @@ int ZVRMediaProxyManager::waitRequestRemoteObjectCompleted(std::string sessionId
                                                            std::string name) {
   ZVR_LOG(kProgress, "enter  id:%s, name:%s\n", sessionId.c_str(), name.c_str());
   std::vector<std::string> record = readZVREventMemory();
-  std::string seenId = field(record, kPosSessionId);
-  std::string seenName = field(record, kPosCommand);
+  std::string seenId = recordField(record, kPosSessionId);
+  std::string seenName = recordField(record, kPosCommand);
   int elapsed = 0;
   for (;;) {
     if (seenId == sessionId && seenName == name) {
@@ -679,8 +675,8 @@ int ZVRMediaProxyManager::waitRequestRemoteObjectCompleted(std::string sessionId
     usleep(kPollIntervalMicros);
     elapsed += kTimeStep;
     record = readZVREventMemory();
-    seenId = field(record, kPosSessionId);
-    seenName = field(record, kPosCommand);
+    seenId = recordField(record, kPosSessionId);
+    seenName = recordField(record, kPosCommand);
     ZVR_LOG(kProgress, " id:%s, name:%s\n", seenId.c_str(), seenName.c_str());
     if (elapsed == kTimeLimit) break;
   }
@@ -787,13 +783,14 @@ void ZVRMediaProxyManager::initializeZVREvent() {
 // --- Event dispatch ----------------------------------------------------------------------------
 
 void ZVRMediaProxyManager::onZVREvent(std::vector<std::string>& record) {
-  const std::string objectId = field(record, 3);
-  const std::string sessionId = field(record, 2);
-  const std::string name = field(record, 0);
-  const std::string code = field(record, 1);
+  // The record is not changed while it is dispatched, so its positions are read in place.
+  const std::string& objectId = recordField(record, 3);
+  const std::string& sessionId = recordField(record, 2);
+  const std::string& name = recordField(record, 0);
+  const std::string& code = recordField(record, 1);
 
-  if (name == "created") {
-    if (code != "200") {
+  if (name == kEventCreated) {
+    if (code != kResultOk) {
       ZVR_LOG(kError, "Create Failed: %s\n", sessionId.c_str());
       return;
     }
@@ -806,7 +803,7 @@ void ZVRMediaProxyManager::onZVREvent(std::vector<std::string>& record) {
     completion_.notify_all();
     return;
   }
-  if (name == "status") {
+  if (name == kEventStatus) {
     ZVR_LOG(kProgress, "zvr service alive: %s - %s\n", sessionId.c_str(), objectId.c_str());
     DispatchLock lock(mutex_);
     completion_.notify_all();

@@ -3,6 +3,7 @@
 #include <iostream>
 #include <utility>
 
+#include "zvr_event_record.h"
 #include "zvr_log.h"
 #include "zvr_media_proxy_manager.h"
 
@@ -14,13 +15,13 @@ using logging::kProgress;
 
 namespace {
 
-// Position i of a record, or the empty text beyond its end.
-const std::string& field(const std::vector<std::string>& record, std::size_t i) {
-  static const std::string* const kEmpty = new std::string();
-  return i < record.size() ? record[i] : *kEmpty;
-}
-
-const char kOk[] = "200";
+// The positions of the event record that a proxy reads.
+constexpr std::size_t kPosName = 0;
+constexpr std::size_t kPosCode = 1;
+constexpr std::size_t kPosTarget = 3;
+constexpr std::size_t kPosURL = 6;
+constexpr std::size_t kPosDefinitions = 7;
+constexpr std::size_t kPosDetail = 8;
 
 }  // namespace
 
@@ -152,37 +153,37 @@ void ZVRMediaProxyObject::preload(double position, std::string text1, std::strin
 
 // id_ never changes after construction, so it is compared without the mutex.
 void ZVRMediaProxyObject::onZVREvent(std::vector<std::string>& record) {
-  const std::string& name = field(record, 0);
-  const std::string& target = field(record, 3);
+  const std::string& name = recordField(record, kPosName);
+  const std::string& target = recordField(record, kPosTarget);
   if (target != id_) return;
 
-  if (name == "started") {
-    const std::string& code = field(record, 1);
-    const std::string& url = field(record, 6);
-    const std::string& detail = field(record, 8);
+  if (name == kEventStarted) {
+    const std::string& code = recordField(record, kPosCode);
+    const std::string& url = recordField(record, kPosURL);
+    const std::string& detail = recordField(record, kPosDetail);
     ZVR_LOG(kHeadline, "ZVR Media Proxy stated : %s ( %s) ,  %s\n", code.c_str(), detail.c_str(),
             url.c_str());
-    if (code != kOk) {
+    if (code != kResultOk) {
       onMediaStartedFailed(code, detail);
     } else {
       onMediaStarted(url);
     }
-  } else if (name == "stopped") {
-    const std::string& code = field(record, 1);
-    if (code != kOk) {
-      onMediaStoppedFailed(code, field(record, 8));
+  } else if (name == kEventStopped) {
+    const std::string& code = recordField(record, kPosCode);
+    if (code != kResultOk) {
+      onMediaStoppedFailed(code, recordField(record, kPosDetail));
     } else {
       onMediaStopped();
     }
-  } else if (name == "seeked") {
-    const std::string& code = field(record, 1);
-    if (code != kOk) {
-      onMediaSeekedFailed(code, field(record, 8));
+  } else if (name == kEventSeeked) {
+    const std::string& code = recordField(record, kPosCode);
+    if (code != kResultOk) {
+      onMediaSeekedFailed(code, recordField(record, kPosDetail));
     } else {
       onMediaSeeked();
     }
-  } else if (name == "definition") {
-    onDefinitionsChanged(field(record, 7));
+  } else if (name == kEventDefinition) {
+    onDefinitionsChanged(recordField(record, kPosDefinitions));
   }
 }
 
