@@ -165,9 +165,9 @@ def param(initial, position, t):
 write(BUILD, "start", start("zvr-1", "file:///media/a.ts", 1))
 write(BUILD, "start-modes", start("zvr-1", "", 0) + start("zvr-1", "u", -1) +
       start("", "u", 2**31 - 1) + start("x", "u", -2**31))
-write(BUILD, "stop-inspect", stop("zvr-1") + INSPECT + stop("") + INSPECT)
+write(BUILD, "stop-then-probe", stop("zvr-1") + INSPECT + stop("") + INSPECT)
 write(BUILD, "seek", seek("zvr-1", f64(12.5), "fast"))
-write(BUILD, "seek-special", seek("a", f64(float("nan")), "") + seek("a", f64(float("inf")), "") +
+write(BUILD, "seek-extreme-values", seek("a", f64(float("nan")), "") + seek("a", f64(float("inf")), "") +
       seek("a", f64(float("-inf")), "") + seek("a", f64(1.7976931348623157e308), "") +
       seek("a", f64(-1.7976931348623157e308), "") + seek("a", f64bits(1), "") +
       seek("a", f64bits(0x8000000000000000), "") + seek("a", f64bits(0xFFF8000000000001), ""))
