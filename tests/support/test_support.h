@@ -55,11 +55,17 @@ class CallbackRecorder {
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.calls.push_back({std::move(id), std::move(kind), std::move(value)});
+    s.threads.push_back(std::this_thread::get_id());
     s.changed.notify_all();
   }
   static std::vector<Notification> calls() {
     std::lock_guard<std::mutex> lock(state().mutex);
     return state().calls;
+  }
+  // The thread each call ran on, in the order of calls().
+  static std::vector<std::thread::id> threads() {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    return state().threads;
   }
   static bool waitCalls(std::size_t count, std::chrono::milliseconds timeout) {
     std::unique_lock<std::mutex> lock(state().mutex);
@@ -72,6 +78,7 @@ class CallbackRecorder {
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<Notification> calls;
+    std::vector<std::thread::id> threads;
   };
   static State& state() {
     static State* const s = new State;

@@ -56,22 +56,6 @@ void expectCommandShape(const Strings& command) {
 }
 
 // Records the thread of every callback before passing the call on to CallbackRecorder.
-std::mutex gCallbackThreadsMutex;
-std::vector<std::thread::id> gCallbackThreads;
-
-void threadRecordingCallback(std::string id, std::string kind, std::string value) {
-  {
-    std::lock_guard<std::mutex> lock(gCallbackThreadsMutex);
-    gCallbackThreads.push_back(std::this_thread::get_id());
-  }
-  CallbackRecorder::callback(std::move(id), std::move(kind), std::move(value));
-}
-
-std::vector<std::thread::id> callbackThreads() {
-  std::lock_guard<std::mutex> lock(gCallbackThreadsMutex);
-  return gCallbackThreads;
-}
-
 class ProxyLifecycleTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -183,7 +167,7 @@ TEST_F(ProxyLifecycleTest, PreloadStartedThenStartModeZeroAnnouncesTheStoredURL)
 TEST_F(ProxyLifecycleTest, StartModeZeroReadsAPreloadAnswerLeftOnlyInSharedMemory) {
   ShmWriter writer;
   ServiceDouble service(&writer, ServiceDouble::Delivery::kSharedMemory);
-  manager_->setZVRCallback(&threadRecordingCallback);
+  manager_->setZVRCallback(&CallbackRecorder::callback);
   ASSERT_EQ(manager_->checkZVREventMemory(), 0);
   createProxy();
   std::shared_ptr<ZVRMediaProxyInterface> proxy = ZVRMediaProxyInterface::getObjectById(kId);
@@ -201,7 +185,7 @@ TEST_F(ProxyLifecycleTest, StartModeZeroReadsAPreloadAnswerLeftOnlyInSharedMemor
   EXPECT_EQ(proxy->localURL(), ServiceDouble::kLocalURL);
   EXPECT_THAT(CallbackRecorder::calls(),
               ElementsAre(Notification{kId, "url", ServiceDouble::kLocalURL}));
-  EXPECT_THAT(callbackThreads(), ElementsAre(std::this_thread::get_id()));
+  EXPECT_THAT(CallbackRecorder::threads(), ElementsAre(std::this_thread::get_id()));
   EXPECT_EQ(
       log().count("notification from preload is not received, and will read it first\n", kProgress),
       1);

@@ -106,22 +106,6 @@ void expectFramedByTrace(const std::vector<LogLine>& lines, const std::string& n
 }
 
 // Records the thread of every callback before passing the call on to CallbackRecorder.
-std::mutex gCallbackThreadsMutex;
-std::vector<std::thread::id> gCallbackThreads;
-
-void threadRecordingCallback(std::string id, std::string kind, std::string value) {
-  {
-    std::lock_guard<std::mutex> lock(gCallbackThreadsMutex);
-    gCallbackThreads.push_back(std::this_thread::get_id());
-  }
-  CallbackRecorder::callback(std::move(id), std::move(kind), std::move(value));
-}
-
-std::vector<std::thread::id> callbackThreads() {
-  std::lock_guard<std::mutex> lock(gCallbackThreadsMutex);
-  return gCallbackThreads;
-}
-
 // From inside the first notification of kind `kind`, starts a thread that calls getState() on
 // `target` and waits up to `wait` for it to return, while the callback is still running. Shows
 // whether the object's mutex is held across that notification.
@@ -729,7 +713,7 @@ TEST_F(ProxyObjectTest, StartModeZeroAfterPreloadStartedNotifiesStoredDefinition
 }
 
 TEST_F(ProxyObjectTest, StartModeZeroBeforePreloadStartedReadsTheEventValueAndHandlesIt) {
-  manager_->setZVRCallback(&threadRecordingCallback);
+  manager_->setZVRCallback(&CallbackRecorder::callback);
   const Strings pending = record("started", "200", kId, kURL, "", "ok");
   recorder().setValue(zvr_test::kEventKey, pending);
   object_->preload(0, "a", "b", "c");
@@ -741,7 +725,7 @@ TEST_F(ProxyObjectTest, StartModeZeroBeforePreloadStartedReadsTheEventValueAndHa
   EXPECT_EQ(object_->getState(), 2);
   EXPECT_EQ(object_->localURL(), kURL);
   EXPECT_THAT(CallbackRecorder::calls(), ElementsAre(Notification{kId, "url", kURL}));
-  EXPECT_THAT(callbackThreads(), ElementsAre(std::this_thread::get_id()));
+  EXPECT_THAT(CallbackRecorder::threads(), ElementsAre(std::this_thread::get_id()));
   EXPECT_TRUE(recorder().calls().empty());  // no start command
   EXPECT_EQ(recorder().getCalls(), 1);
 
