@@ -275,24 +275,36 @@ struct Run {
 
 Run* gRun = nullptr;
 
-void asyncCreate(benchmark::State& state) {
+using Proxy = std::shared_ptr<velmora::ZVRMediaProxyInterface>;
+
+// Times one creation per iteration as `figure`, with the part spent in fixed pauses; the last
+// proxy with a non-empty id is kept in *kept when it is given.
+template <typename Create>
+void measureCreation(benchmark::State& state, const char* figure, Create create, Proxy* kept) {
   Run& run = *gRun;
   for (auto _ : state) {
-    run.baselines("async_create");
+    run.baselines(figure);
     const double slept = tSleptMs;
     const Clock::time_point start = Clock::now();
-    std::shared_ptr<velmora::ZVRMediaProxyInterface> proxy = run.manager->createNewZVRMediaProxy();
+    Proxy proxy = create(*run.manager);
     const double elapsed = millis(Clock::now() - start);
     state.SetIterationTime(elapsed / 1000);
-    run.add("async_create", "library", elapsed);
-    run.add("async_create", "waits", tSleptMs - slept);
+    run.add(figure, "library", elapsed);
+    run.add(figure, "waits", tSleptMs - slept);
     if (!proxy || proxy->id().empty()) {
-      ++run.failures["async_create"];
-    } else {
-      run.asyncProxy = proxy;
+      ++run.failures[figure];
+    } else if (kept != nullptr) {
+      *kept = proxy;
     }
   }
-  run.counters(state, "async_create");
+  run.counters(state, figure);
+}
+
+void asyncCreate(benchmark::State& state) {
+  measureCreation(
+      state, "async_create",
+      [](velmora::ZVRMediaProxyManagerInterface& m) -> Proxy { return m.createNewZVRMediaProxy(); },
+      &gRun->asyncProxy);
 }
 
 void asyncStart(benchmark::State& state) {
@@ -326,24 +338,12 @@ void asyncStart(benchmark::State& state) {
 }
 
 void syncCreate(benchmark::State& state) {
-  Run& run = *gRun;
-  for (auto _ : state) {
-    run.baselines("sync_create");
-    const double slept = tSleptMs;
-    const Clock::time_point start = Clock::now();
-    std::shared_ptr<velmora::ZVRMediaProxyInterface> proxy =
-        run.manager->createNewZVRMediaProxySync();
-    const double elapsed = millis(Clock::now() - start);
-    state.SetIterationTime(elapsed / 1000);
-    run.add("sync_create", "library", elapsed);
-    run.add("sync_create", "waits", tSleptMs - slept);
-    if (!proxy || proxy->id().empty()) {
-      ++run.failures["sync_create"];
-    } else {
-      run.syncProxy = proxy;
-    }
-  }
-  run.counters(state, "sync_create");
+  measureCreation(
+      state, "sync_create",
+      [](velmora::ZVRMediaProxyManagerInterface& m) -> Proxy {
+        return m.createNewZVRMediaProxySync();
+      },
+      &gRun->syncProxy);
 }
 
 // Manual time: the stop. The start of each pair is a figure of its own (sync_start).
@@ -390,22 +390,14 @@ void syncStartStop(benchmark::State& state) {
 constexpr int kLateMs = 1;
 
 void syncCreateLate(benchmark::State& state) {
-  Run& run = *gRun;
-  run.bus->setOption("delay=create:" + std::to_string(kLateMs));
-  for (auto _ : state) {
-    run.baselines("sync_create_late");
-    const double slept = tSleptMs;
-    const Clock::time_point start = Clock::now();
-    std::shared_ptr<velmora::ZVRMediaProxyInterface> proxy =
-        run.manager->createNewZVRMediaProxySync();
-    const double elapsed = millis(Clock::now() - start);
-    state.SetIterationTime(elapsed / 1000);
-    run.add("sync_create_late", "library", elapsed);
-    run.add("sync_create_late", "waits", tSleptMs - slept);
-    if (!proxy || proxy->id().empty()) ++run.failures["sync_create_late"];
-  }
-  run.bus->setOption("delay=create:0");
-  run.counters(state, "sync_create_late");
+  gRun->bus->setOption("delay=create:" + std::to_string(kLateMs));
+  measureCreation(
+      state, "sync_create_late",
+      [](velmora::ZVRMediaProxyManagerInterface& m) -> Proxy {
+        return m.createNewZVRMediaProxySync();
+      },
+      nullptr);
+  gRun->bus->setOption("delay=create:0");
 }
 
 void syncStopLate(benchmark::State& state) {
