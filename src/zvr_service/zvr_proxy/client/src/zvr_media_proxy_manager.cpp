@@ -1,5 +1,6 @@
 #include "zvr_media_proxy_manager.h"
 
+#include <cxxabi.h>
 #include <fcntl.h>
 #include <json/json.h>
 #include <sys/mman.h>
@@ -181,6 +182,8 @@ void ZVRMediaProxyManager::createModelAccess() {
   std::shared_ptr<ZVRModelAccess> access;
   try {
     access = std::make_shared<ZVRModelAccess>(this);
+  } catch (const abi::__forced_unwind&) {
+    throw;  // the calling thread is being cancelled
   } catch (...) {
     // The platform refused the connection. The field stays empty: every request reports
     // "No Access" and tries again through this function.
@@ -192,6 +195,10 @@ void ZVRMediaProxyManager::createModelAccess() {
   if (!std::atomic_compare_exchange_strong(&modelAccess_, &none, access)) return;
   try {
     access->start();
+  } catch (const abi::__forced_unwind&) {
+    // Cancelled half way: the next caller builds a connection of its own.
+    std::atomic_store(&modelAccess_, std::shared_ptr<ZVRModelAccess>());
+    throw;
   } catch (...) {
     std::atomic_store(&modelAccess_, std::shared_ptr<ZVRModelAccess>());
     return;
@@ -201,6 +208,11 @@ void ZVRMediaProxyManager::createModelAccess() {
   if (constructed_.load()) {
     try {
       access->startEventListener();
+    } catch (const abi::__forced_unwind&) {
+      // A connection without a listener would never deliver an event: drop it, so that the
+      // next caller builds one whose listener runs.
+      std::atomic_store(&modelAccess_, std::shared_ptr<ZVRModelAccess>());
+      throw;
     } catch (...) {
       // Events then only reach the library through the shared-memory buffer.
     }
