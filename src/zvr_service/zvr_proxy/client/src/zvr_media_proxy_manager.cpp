@@ -10,15 +10,19 @@
 
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/recursive_mutex.hpp>
+#include <cerrno>
 #include <cfloat>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <exception>
 #include <iostream>
+#include <map>
 #include <utility>
 
+#include "zvr_diagnostics.h"
 #include "zvr_event_record.h"
+#include "zvr_json_nesting.h"
 #include "zvr_log.h"
 #include "zvr_media_proxy_object.h"
 
@@ -101,6 +105,63 @@ const char* sourceBaseName(const char* path) {
   return slash ? slash + 1 : path;
 }
 
+// A descriptor of the segment behind each mapping of "/ZVR_PROXY", by the mapping's address.
+// The segment is read through it with pread rather than through the mapping: a segment that
+// another process truncates while it is mapped makes a read of the mapping fault with SIGBUS,
+// whereas pread reports the short object. The descriptor of a replaced mapping is closed (the
+// mapping itself stays, as it always has).
+class SegmentDescriptors {
+ public:
+  // Keeps `fd` for `mapping` and closes the descriptor of `replaced`, if any.
+  void keep(const char* mapping, int fd, const char* replaced) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    drop_l(replaced);
+    if (fd >= 0) descriptors_[mapping] = fd;
+  }
+  void drop(const char* mapping) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    drop_l(mapping);
+  }
+  // Reads the whole segment into `buffer`; false when it holds fewer than `size` bytes.
+  bool read(const char* mapping, char* buffer, std::size_t size) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = descriptors_.find(mapping);
+    if (it == descriptors_.end()) return false;
+    std::size_t done = 0;
+    while (done < size) {
+      const ssize_t n = pread(it->second, buffer + done, size - done, static_cast<off_t>(done));
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return false;
+      done += static_cast<std::size_t>(n);
+    }
+    return true;
+  }
+
+ private:
+  void drop_l(const char* mapping) {
+    if (mapping == nullptr) return;
+    auto it = descriptors_.find(mapping);
+    if (it == descriptors_.end()) return;
+    close(it->second);
+    descriptors_.erase(it);
+  }
+
+  std::mutex mutex_;
+  std::map<const char*, int> descriptors_;
+};
+
+// Passes a synchronous wait's result through, reporting a wait that ran out.
+int reportTimeout(int result, const char* word, const std::string& id,
+                  const std::string& sessionId) {
+  if (result == -1) diagnostics::waitTimedOut(word, id, sessionId);
+  return result;
+}
+
+SegmentDescriptors& segmentDescriptors() {
+  static SegmentDescriptors* const descriptors = new SegmentDescriptors;
+  return *descriptors;
+}
+
 }  // namespace
 
 // --- OwnedMutex, DispatchLock ---------------------------------------------------------------
@@ -113,6 +174,8 @@ void ZVRMediaProxyManager::OwnedMutex::lock() {
 void ZVRMediaProxyManager::OwnedMutex::unlock() {
   owner_.store(std::thread::id(), std::memory_order_relaxed);
   mutex_.unlock();
+  // Outcomes that arose while this thread held the mutex go to the outcome thread now.
+  diagnostics::lockReleased();
 }
 
 // Only the current thread ever stores its own id, so a relaxed load that sees it is exact.
@@ -150,6 +213,11 @@ ZVRMediaProxyManager* ZVRMediaProxyManager::getInstance() {
 }
 
 ZVRMediaProxyManager::ZVRMediaProxyManager() {
+  // Outcomes that arise while a thread holds the singleton's mutex wait until it releases it.
+  diagnostics::setManagerLockProbe([] {
+    ZVRMediaProxyManager* instance = gInstance.load(std::memory_order_acquire);
+    return instance != nullptr && instance->mutex_.heldByCurrentThread();
+  });
   ZVR_LOG(kProgress, "enter, %p\n", static_cast<void*>(this));
   syncMode_.store(false);
   createModelAccess();
@@ -165,6 +233,7 @@ ZVRMediaProxyManager::~ZVRMediaProxyManager() {
   {
     std::lock_guard<std::mutex> lock(eventMutex_);
     if (eventMemory_ != nullptr) {
+      segmentDescriptors().drop(eventMemory_);
       munmap(const_cast<char*>(eventMemory_), kEventMemorySize);
       eventMemory_ = nullptr;
       shm_unlink(kEventMemoryName);
@@ -343,6 +412,7 @@ void ZVRMediaProxyManager::sendCreateCommand(ZVRModelAccess& access, const std::
   setCommandParameter(list, kPosCommand, "create");
   setCommandParameter(list, kPosSessionId, sessionId);
   access.setAccessValue(kCommandKey, list);
+  diagnostics::commandSent("create");
 }
 
 void ZVRMediaProxyManager::requestCreateRemoteObject(std::string sessionId) {
@@ -368,7 +438,8 @@ int ZVRMediaProxyManager::requestCreateRemoteObjectSync(std::string sessionId) {
   initializeZVREvent();
   ZVR_LOG(kProgress, "Create  RemoteObject sync.\n");
   sendCreateCommand(*access, sessionId);
-  return waitRequestRemoteObjectCompleted(sessionId, "created");
+  return reportTimeout(waitRequestRemoteObjectCompleted(sessionId, "created"), "create", "",
+                       sessionId);
 }
 
 // Holds the manager mutex for the whole run except inside the two condition waits. In sync mode
@@ -376,6 +447,7 @@ int ZVRMediaProxyManager::requestCreateRemoteObjectSync(std::string sessionId) {
 // how a "created" answer found there is dispatched without locking again.
 std::shared_ptr<ZVRMediaProxyObject> ZVRMediaProxyManager::createNewZVRMediaProxy() {
   ZVR_LOG(kProgress, "Enter\n");
+  diagnostics::creationTried();
   std::string sessionId = getNextSessionId();  // replaced by the first attempt; never sent
   std::string resultId;
   double t0 = base::log_now();
@@ -390,6 +462,7 @@ std::shared_ptr<ZVRMediaProxyObject> ZVRMediaProxyManager::createNewZVRMediaProx
     if (!restarted && t - t0 > kFirstResponseLimitSeconds) {
       ZVR_LOG(kError, "Wait response timeout for id:%s, restart zvr service.\n", sessionId.c_str());
       clearResponseIds();
+      diagnostics::serviceRestart("no \"created\" answer within 0.2 s");
       requestStartZVRService();
       t0 = base::log_now();
       completion_.wait_until(lock, std::chrono::system_clock::now() + kWaitAfterRestart);
@@ -410,15 +483,18 @@ std::shared_ptr<ZVRMediaProxyObject> ZVRMediaProxyManager::createNewZVRMediaProx
   ZVR_LOG(kProgress, "id :%s\n", resultId.c_str());
   std::shared_ptr<ZVRMediaProxyObject> object = ZVRMediaProxyObject::create(resultId);
   cacheProxyObject(object);
+  diagnostics::creationEnded(resultId);
   return object;
 }
 
 std::shared_ptr<ZVRMediaProxyObject> ZVRMediaProxyManager::createNewZVRMediaProxySync() {
   ZVR_LOG(kProgress, "Enter.\n");
+  diagnostics::creationTried();
   syncMode_.store(true);
   if (checkZVREventMemory() == -1) {
     ZVR_LOG(kError, "service not work,  restart zvr service.\n");
     clearResponseIds();
+    diagnostics::serviceRestart("\"/ZVR_PROXY\" cannot be mapped");
     requestStartZVRService();
     usleep(kPauseAfterRestartMicros);
   }
@@ -431,6 +507,7 @@ std::shared_ptr<ZVRMediaProxyObject> ZVRMediaProxyManager::createNewZVRMediaProx
   if (result == -1) {
     clearResponseIds();
     ZVR_LOG(kError, "Wait response timeout for id:%s, restart zvr service.\n", sessionId.c_str());
+    diagnostics::serviceRestart("no \"created\" answer within 250 ms");
     requestStartZVRService();
     usleep(kPauseAfterRestartMicros);
   }
@@ -445,6 +522,7 @@ std::shared_ptr<ZVRMediaProxyObject> ZVRMediaProxyManager::createNewZVRMediaProx
   ZVR_LOG(kProgress, "id :%s\n", resultId.c_str());
   std::shared_ptr<ZVRMediaProxyObject> object = ZVRMediaProxyObject::create(resultId);
   cacheProxyObject(object);
+  diagnostics::creationEnded(resultId);
   return object;
 }
 
@@ -491,6 +569,7 @@ std::string ZVRMediaProxyManager::sendCommand(
   setCommandParameter(list, kPosSessionId, sessionId);
   if (stamped) setCommandParameter(list, kPosTimestamp, formatDouble(base::log_now()));
   access.setAccessValue(kCommandKey, std::move(list));
+  diagnostics::commandSent(word);
   return sessionId;
 }
 
@@ -593,7 +672,8 @@ int ZVRMediaProxyManager::requestRemoteObjectStartSync(const std::string& id,
   const std::string sessionId =
       sendCommand(*access, "start",
                   {{kPosObjectId, id}, {kPosInteger, formatInt(mode)}, {kPosText1, url}}, true);
-  return waitRequestRemoteObjectCompleted(sessionId, "started");
+  return reportTimeout(waitRequestRemoteObjectCompleted(sessionId, "started"), "start", id,
+                       sessionId);
 }
 
 int ZVRMediaProxyManager::requestRemoteObjectStopSync(const std::string& id) {
@@ -604,7 +684,8 @@ int ZVRMediaProxyManager::requestRemoteObjectStopSync(const std::string& id) {
   }
   ZVR_LOG(kProgress, "request RemoteObject Stop sync.\n");
   const std::string sessionId = sendCommand(*access, "stop", {{kPosObjectId, id}}, true);
-  return waitRequestRemoteObjectCompleted(sessionId, "stopped");
+  return reportTimeout(waitRequestRemoteObjectCompleted(sessionId, "stopped"), "stop", id,
+                       sessionId);
 }
 
 int ZVRMediaProxyManager::requestRemoteObjectSeekSync(const std::string& id, double position,
@@ -618,7 +699,8 @@ int ZVRMediaProxyManager::requestRemoteObjectSeekSync(const std::string& id, dou
   const std::string sessionId = sendCommand(
       *access, "seek",
       {{kPosObjectId, id}, {kPosPosition, formatDouble(position)}, {kPosText1, text}}, true);
-  return waitRequestRemoteObjectCompleted(sessionId, "seeked");
+  return reportTimeout(waitRequestRemoteObjectCompleted(sessionId, "seeked"), "seek", id,
+                       sessionId);
 }
 
 int ZVRMediaProxyManager::requestRemoteObjectPreloadSync(const std::string& id, double position,
@@ -638,7 +720,8 @@ int ZVRMediaProxyManager::requestRemoteObjectPreloadSync(const std::string& id, 
                                              {kPosText2, text2},
                                              {kPosText3, text3}},
                                             true);
-  return waitRequestRemoteObjectCompleted(sessionId, "started");
+  return reportTimeout(waitRequestRemoteObjectCompleted(sessionId, "started"), "preload", id,
+                       sessionId);
 }
 
 int ZVRMediaProxyManager::requestRemoteObjectPauseSync(const std::string& /*id*/) { return 0; }
@@ -652,7 +735,8 @@ int ZVRMediaProxyManager::requestRemoteObjectInspectSync() {
   initializeZVREvent();
   ZVR_LOG(kProgress, "request RemoteObject inspect sync.\n");
   const std::string sessionId = sendCommand(*access, "inspect", {}, false);
-  return waitRequestRemoteObjectCompleted(sessionId, "status");
+  return reportTimeout(waitRequestRemoteObjectCompleted(sessionId, "status"), "inspect", "",
+                       sessionId);
 }
 
 // Holds the manager mutex until it returns. In sync mode the inspect request below waits
@@ -704,15 +788,27 @@ int ZVRMediaProxyManager::checkZVREventMemory() {
     ZVR_LOG(kProgress, "Failed to allocate shared memory\n\n");
     return -1;
   }
+  // Anyone may create "/ZVR_PROXY" before the service does. Anything but a regular file (a FIFO,
+  // a device node) is closed and refused like a missing segment; resizing it would fail and, by
+  // the rule below, leave its descriptor open on every call.
+  struct stat status;
+  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    close(fd);
+    ZVR_LOG(kProgress, "Failed to allocate shared memory\n\n");
+    return -1;
+  }
   if (ftruncate(fd, kEventMemorySize) != 0) {
     ZVR_LOG(kProgress, "Failed to allocate shared memory\n\n");
     return -1;  // the descriptor stays open on this path
   }
   void* address = mmap(nullptr, kEventMemorySize, PROT_READ, MAP_SHARED, fd, 0);
   const char* memory = address == MAP_FAILED ? nullptr : static_cast<const char*>(address);
+  // A duplicate of the descriptor stays with the mapping for reading (see SegmentDescriptors).
+  const int readFd = memory != nullptr ? fcntl(fd, F_DUPFD_CLOEXEC, 0) : -1;
   {
     // A new mapping replaces the old one, which stays mapped.
     std::lock_guard<std::mutex> lock(eventMutex_);
+    segmentDescriptors().keep(memory, readFd, eventMemory_);
     eventMemory_ = memory;
   }
   if (memory == nullptr) {
@@ -720,6 +816,7 @@ int ZVRMediaProxyManager::checkZVREventMemory() {
     return -1;  // the descriptor stays open on this path
   }
   close(fd);
+  diagnostics::segmentMapped();
   return 0;
 }
 
@@ -731,7 +828,10 @@ std::vector<std::string> ZVRMediaProxyManager::readZVREventMemory() {
     std::lock_guard<std::mutex> lock(eventMutex_);
     if (eventMemory_ != nullptr) {
       mapped = true;
-      std::memcpy(eventBuffer_, eventMemory_, kEventMemorySize);
+      // A segment shrunk below its size reads as one holding only a zero byte.
+      if (!segmentDescriptors().read(eventMemory_, eventBuffer_, kEventMemorySize)) {
+        eventBuffer_[0] = '\0';
+      }
       // A writer that left no zero byte gets its 4096 bytes read, never more.
       text.assign(eventBuffer_, strnlen(eventBuffer_, kEventMemorySize));
     }
@@ -744,14 +844,19 @@ std::vector<std::string> ZVRMediaProxyManager::readZVREventMemory() {
 
   Json::Value root;
   bool parsed = false;
-  try {
-    Json::Reader reader;
-    parsed = reader.parse(text, root, true);
-  } catch (const std::exception&) {
-    parsed = false;
+  // The reader recurses once per level of nesting, so deeper text than a flat record needs is
+  // refused before it can exhaust a small thread stack.
+  if (jsonNestingWithin(text)) {
+    try {
+      Json::Reader reader;
+      parsed = reader.parse(text, root, true);
+    } catch (const std::exception&) {
+      parsed = false;
+    }
   }
   if (!parsed) {
     ZVR_LOG(kError, "Fail to parse json string:%s.\n", text.c_str());
+    diagnostics::segmentParseFailed();
     return record;
   }
   ZVR_LOG(kProgress, "updateParameters\n");
@@ -804,6 +909,8 @@ void ZVRMediaProxyManager::onZVREvent(std::vector<std::string>& record) {
   if (name == kEventCreated) {
     if (code != kResultOk) {
       ZVR_LOG(kError, "Create Failed: %s\n", sessionId.c_str());
+      diagnostics::failedAnswer(nullptr, nullptr, name, objectId, sessionId, code,
+                                recordField(record, 8));
       return;
     }
     ZVR_LOG(kHeadline, "New Created Object: %s - %s\n", sessionId.c_str(), objectId.c_str());
@@ -824,9 +931,11 @@ void ZVRMediaProxyManager::onZVREvent(std::vector<std::string>& record) {
   std::shared_ptr<ZVRMediaProxyObject> object = findProxyObjectFromCache(objectId);
   if (object) {
     object->onZVREvent(record);
+    diagnostics::recordHandled(diagnostics::statsOf(object), object.get(), record);
   } else {
     ZVR_LOG(kError, "unable to find object for event: %s, %s,%s\n", name.c_str(), code.c_str(),
             objectId.c_str());
+    diagnostics::unroutedRecord();
   }
 }
 

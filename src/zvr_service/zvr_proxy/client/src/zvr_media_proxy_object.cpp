@@ -1,8 +1,11 @@
 #include "zvr_media_proxy_object.h"
 
+#include <functional>
 #include <iostream>
 #include <utility>
+#include <vector>
 
+#include "zvr_diagnostics.h"
 #include "zvr_event_record.h"
 #include "zvr_log.h"
 #include "zvr_media_proxy_manager.h"
@@ -23,10 +26,56 @@ constexpr std::size_t kPosURL = 6;
 constexpr std::size_t kPosDefinitions = 7;
 constexpr std::size_t kPosDetail = 8;
 
+// Calls that the application made on a proxy from inside that proxy's "url" notification, which
+// runs while the proxy's mutex is held. They run on the same thread, in call order, right after
+// the notifying handler has released the mutex.
+struct DeferredCall {
+  ZVRMediaProxyObject* object;
+  std::function<void()> call;
+};
+thread_local std::vector<DeferredCall> tDeferredCalls;
+
+// Removes and returns the calls deferred for `object`, in call order.
+std::vector<std::function<void()>> takeDeferredCalls(ZVRMediaProxyObject* object) {
+  std::vector<std::function<void()>> calls;
+  std::vector<DeferredCall>& all = tDeferredCalls;
+  for (auto it = all.begin(); it != all.end();) {
+    if (it->object == object) {
+      calls.push_back(std::move(it->call));
+      it = all.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  return calls;
+}
+
+// Holds an object's mutex across a call out of the library and records so on this thread.
+class CallOutLock {
+ public:
+  CallOutLock(const ZVRMediaProxyObject* object, std::mutex& mutex)
+      : object_(object), lock_(mutex) {
+    diagnostics::proxyMutexLocked(object_);
+  }
+  ~CallOutLock() {
+    diagnostics::proxyMutexUnlocked(object_);
+    lock_.unlock();
+    diagnostics::lockReleased();
+  }
+  CallOutLock(const CallOutLock&) = delete;
+  CallOutLock& operator=(const CallOutLock&) = delete;
+
+ private:
+  const ZVRMediaProxyObject* const object_;
+  std::unique_lock<std::mutex> lock_;
+};
+
 }  // namespace
 
+// The object is owned through a shared pointer whose control block, allocated apart from it,
+// also carries the proxy's counters.
 std::shared_ptr<ZVRMediaProxyObject> ZVRMediaProxyObject::create(std::string id) {
-  return std::shared_ptr<ZVRMediaProxyObject>(new ZVRMediaProxyObject(std::move(id)));
+  return diagnostics::adopt(new ZVRMediaProxyObject(std::move(id)));
 }
 
 ZVRMediaProxyObject::ZVRMediaProxyObject(std::string id) {
@@ -45,18 +94,24 @@ ZVRMediaProxyObject::ZVRMediaProxyObject(std::string id) {
 
 ZVRMediaProxyObject::~ZVRMediaProxyObject() = default;
 
+// Inside this proxy's "url" notification the calling thread already holds the mutex: the
+// getters then read without taking it again, which shows the state before the move to
+// STATE_STARTED and the URL being announced.
 std::string ZVRMediaProxyObject::id() {
+  if (diagnostics::holdsProxyMutex(this)) return id_;
   std::lock_guard<std::mutex> lock(mutex_);
   return id_;
 }
 
 std::string ZVRMediaProxyObject::localURL() {
+  if (diagnostics::holdsProxyMutex(this)) return copyLocalURL();
   std::lock_guard<std::mutex> lock(mutex_);
   std::lock_guard<std::mutex> textLock(textMutex_);
   return localURL_;
 }
 
 int ZVRMediaProxyObject::getState() {
+  if (diagnostics::holdsProxyMutex(this)) return state_.load();
   std::lock_guard<std::mutex> lock(mutex_);
   return state_.load();
 }
@@ -76,7 +131,13 @@ void ZVRMediaProxyObject::setLocalURL_l(std::string url) {
   localURL_ = std::move(url);
 }
 
+// A command called from inside this proxy's "url" notification is deferred until the notifying
+// handler has released the mutex (see DeferredCall); it then runs in full, trace lines included.
 void ZVRMediaProxyObject::start(std::string url, int mode) {
+  if (diagnostics::holdsProxyMutex(this)) {
+    tDeferredCalls.push_back({this, [this, url, mode] { start(url, mode); }});
+    return;
+  }
   ZVR_TRACE();
   std::string id;
   {
@@ -85,6 +146,7 @@ void ZVRMediaProxyObject::start(std::string url, int mode) {
     id = id_;
   }
   if (mode != 0) {
+    diagnostics::CommandScope scope(this);
     manager_->requestRemoteObjectStart(id, url, mode);
     return;
   }
@@ -98,10 +160,17 @@ void ZVRMediaProxyObject::start(std::string url, int mode) {
     ZVR_LOG(kProgress, "notification from preload is not received, and will read it first\n");
     std::vector<std::string> record = manager_->readZVREvent();
     onZVREvent(record);
+    if (recordField(record, kPosTarget) == id_) {
+      diagnostics::recordHandled(diagnostics::statsOf(this).get(), this, record);
+    }
   }
 }
 
 void ZVRMediaProxyObject::stop() {
+  if (diagnostics::holdsProxyMutex(this)) {
+    tDeferredCalls.push_back({this, [this] { stop(); }});
+    return;
+  }
   ZVR_TRACE();
   std::string id;
   {
@@ -110,10 +179,15 @@ void ZVRMediaProxyObject::stop() {
     id = id_;
     setLocalURL_l(std::string());
   }
+  diagnostics::CommandScope scope(this);
   manager_->requestRemoteObjectStop(id);
 }
 
 void ZVRMediaProxyObject::pause() {
+  if (diagnostics::holdsProxyMutex(this)) {
+    tDeferredCalls.push_back({this, [this] { pause(); }});
+    return;
+  }
   ZVR_TRACE();
   std::string id;
   {
@@ -124,6 +198,10 @@ void ZVRMediaProxyObject::pause() {
 }
 
 void ZVRMediaProxyObject::seek(double position, std::string text) {
+  if (diagnostics::holdsProxyMutex(this)) {
+    tDeferredCalls.push_back({this, [this, position, text] { seek(position, text); }});
+    return;
+  }
   ZVR_TRACE();
   seekPosition_.store(position);
   std::string id;
@@ -132,11 +210,17 @@ void ZVRMediaProxyObject::seek(double position, std::string text) {
     id = id_;
   }
   if (state_.load() == STATE_IDLE) return;  // nothing to seek in
+  diagnostics::CommandScope scope(this);
   manager_->requestRemoteObjectSeek(id, position, text);
 }
 
 void ZVRMediaProxyObject::preload(double position, std::string text1, std::string text2,
                                   std::string text3) {
+  if (diagnostics::holdsProxyMutex(this)) {
+    tDeferredCalls.push_back(
+        {this, [this, position, text1, text2, text3] { preload(position, text1, text2, text3); }});
+    return;
+  }
   ZVR_TRACE();
   // Resets the service's event value first, so that start(url, 0) can later read the preload's
   // own answer.
@@ -148,6 +232,7 @@ void ZVRMediaProxyObject::preload(double position, std::string text1, std::strin
     // An empty URL is how start(url, 0) tells that the preload's "started" has not come yet.
     setLocalURL_l(std::string());
   }
+  diagnostics::CommandScope scope(this);
   manager_->requestRemoteObjectPreload(id, position, text1, text2, text3);
 }
 
@@ -187,17 +272,27 @@ void ZVRMediaProxyObject::onZVREvent(std::vector<std::string>& record) {
   }
 }
 
-// Holds the mutex across the URL notification.
+// Holds the mutex across the URL notification. Calls that the application makes on this proxy
+// from inside the notification are deferred to the end of this function (see DeferredCall), so
+// that they neither wait for the mutex this thread holds nor see a half-made change; their effect
+// lands after the move to STATE_STARTED.
 void ZVRMediaProxyObject::onMediaStarted(std::string url) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  setLocalURL_l(url);
-  const int32_t previous = state_.load();
-  ZVR_LOG(kProgress, "the current state : %d\n", previous);
-  if (previous == STATE_STARTING) {
-    ZVR_LOG(kProgress, "notify\n");
-    manager_->notifyURLChanged(id_, url);
+  try {
+    CallOutLock lock(this, mutex_);
+    setLocalURL_l(url);
+    const int32_t previous = state_.load();
+    ZVR_LOG(kProgress, "the current state : %d\n", previous);
+    if (previous == STATE_STARTING) {
+      ZVR_LOG(kProgress, "notify\n");
+      manager_->notifyURLChanged(id_, url);
+    }
+    state_.store(STATE_STARTED);
+  } catch (...) {
+    // The application's callback threw: its deferred calls are dropped with the notification.
+    takeDeferredCalls(this);
+    throw;
   }
-  state_.store(STATE_STARTED);
+  for (const std::function<void()>& call : takeDeferredCalls(this)) call();
 }
 
 void ZVRMediaProxyObject::onMediaStartedFailed(std::string /*code*/, std::string /*detail*/) {

@@ -1,0 +1,109 @@
+// The library's side of the diagnostics extension (zvr_media_proxy_diagnostics.h): counting,
+// outcome hand-over, and the per-thread record of the library locks a thread holds. Internal to
+// the library.
+//
+// Counting uses relaxed atomics on the hot paths and a per-proxy mutex for the failure group.
+// Outcomes arise on any thread; one that arises while its thread holds a library lock waits in
+// that thread's queue until the thread holds none, and then joins the process queue that the
+// outcome thread delivers in order.
+
+#ifndef ZVR_DIAGNOSTICS_H_
+#define ZVR_DIAGNOSTICS_H_
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "zvr_media_proxy_diagnostics.h"
+
+namespace velmora {
+
+class ZVRMediaProxyObject;
+
+namespace diagnostics {
+
+struct ProxyStats;
+
+// Whether counting is on: ZVR_COUNTERS=0 in the environment switches it off, read once when the
+// library is loaded. The benchmarks switch it in place to compare both in one run.
+extern std::atomic<bool> gCounting;
+inline bool counting() { return gCounting.load(std::memory_order_relaxed); }
+void setCounting(bool on);
+
+// --- Proxies ------------------------------------------------------------------------------------
+
+// Owns `object` in a shared pointer whose deleter carries the proxy's statistics, and enters it in
+// the table that statsOf(const ZVRMediaProxyObject*) reads.
+std::shared_ptr<ZVRMediaProxyObject> adopt(ZVRMediaProxyObject* object);
+// The statistics of an object made by adopt(), read from its shared pointer without a lock; null
+// for objects owned otherwise.
+ProxyStats* statsOf(const std::shared_ptr<ZVRMediaProxyObject>& object);
+// The same through the object's address, under the table's leaf lock.
+std::shared_ptr<ProxyStats> statsOf(const ZVRMediaProxyObject* object);
+
+// While it lives, command messages sent and synchronous waits that run out on this thread are
+// counted for `object` (a proxy sending one of its commands).
+class CommandScope {
+ public:
+  explicit CommandScope(const ZVRMediaProxyObject* object);
+  ~CommandScope();
+  CommandScope(const CommandScope&) = delete;
+  CommandScope& operator=(const CommandScope&) = delete;
+
+ private:
+  std::shared_ptr<ProxyStats> stats_;
+  const ZVRMediaProxyObject* object_;
+  std::shared_ptr<ProxyStats> previousStats_;
+  const ZVRMediaProxyObject* previousObject_;
+};
+
+// --- What the library reports --------------------------------------------------------------------
+
+// An event record handed to a proxy.
+void eventReceived(ProxyStats* stats, std::string_view name);
+// A record addressed to `proxy` that it has handled: counted, and reported when it is a failed
+// "started", "stopped" or "seeked" answer.
+void recordHandled(ProxyStats* stats, const ZVRMediaProxyObject* proxy,
+                   const std::vector<std::string>& record);
+// A command message sent: for a proxy's command (see CommandScope), or a "create".
+void commandSent(std::string_view word);
+// A failed answer: "created" (stats and proxy null) or an answer to a proxy.
+void failedAnswer(ProxyStats* stats, const ZVRMediaProxyObject* proxy, const std::string& name,
+                  const std::string& proxyId, const std::string& sessionId, const std::string& code,
+                  const std::string& detail);
+// A synchronous wait that ran out; the proxy is the one of the thread's CommandScope, if any.
+void waitTimedOut(std::string_view word, const std::string& proxyId, const std::string& sessionId);
+void creationTried();
+// A creation without id returned; `id` is the id it returned.
+void creationEnded(const std::string& id);
+void serviceRestart(const std::string& reason);
+void segmentMapped();
+void segmentParseFailed();
+void unroutedRecord();
+
+// --- Library locks held by this thread ---------------------------------------------------------
+
+// Tells whether the calling thread holds the manager mutex; set once by the manager.
+void setManagerLockProbe(bool (*probe)());
+
+// A proxy's mutex is held by this thread across a call out of the library (the "url"
+// notification). Calls nest in the order of locking.
+void proxyMutexLocked(const ZVRMediaProxyObject* object);
+void proxyMutexUnlocked(const ZVRMediaProxyObject* object);
+// True when this thread holds that proxy's mutex across a call out.
+bool holdsProxyMutex(const ZVRMediaProxyObject* object);
+
+// The number of threads with outcomes waiting for their locks to be released. A thread that
+// releases a library lock calls lockReleased(), which costs one relaxed load when none waits.
+extern std::atomic<int> gThreadsWithPending;
+void flushPending();
+inline void lockReleased() {
+  if (gThreadsWithPending.load(std::memory_order_relaxed) != 0) flushPending();
+}
+
+}  // namespace diagnostics
+}  // namespace velmora
+
+#endif  // ZVR_DIAGNOSTICS_H_
