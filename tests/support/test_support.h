@@ -1,12 +1,15 @@
-// Small helpers shared by the unit tests: a latch, a recorder for the application callback, and
-// bounded polling.
+// Small helpers shared by the unit tests: a latch, a recorder for the application callback,
+// bounded polling, and a watchdog.
 
 #ifndef ZVR_TESTS_SUPPORT_TEST_SUPPORT_H_
 #define ZVR_TESTS_SUPPORT_TEST_SUPPORT_H_
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <ostream>
 #include <string>
@@ -95,6 +98,22 @@ inline bool eventually(const std::function<bool()>& condition,
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   return true;
+}
+
+// Runs `call` on a thread of its own and waits at most `limit` for it. A call that does not
+// return by then is a deadlock: `what` is reported and the process ends at once, since the
+// blocked thread can never be joined.
+template <typename Call>
+auto withWatchdog(const char* what, std::chrono::seconds limit, Call call) -> decltype(call()) {
+  auto future = std::async(std::launch::async, call);
+  if (future.wait_for(limit) != std::future_status::ready) {
+    std::fprintf(stderr, "watchdog: %s did not return within %lld s: deadlock\n", what,
+                 static_cast<long long>(limit.count()));
+    std::fflush(stdout);
+    std::fflush(stderr);
+    std::_Exit(EXIT_FAILURE);
+  }
+  return future.get();
 }
 
 }  // namespace zvr_test
