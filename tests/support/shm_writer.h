@@ -49,6 +49,14 @@ class ShmWriter {
     return true;
   }
   static void remove() { shm_unlink(kName); }
+  // Resizes the segment behind the name, as a service that recreates it with O_TRUNC does.
+  static void truncate(off_t size) {
+    const int fd = shm_open(kName, O_RDWR, 0);
+    if (fd < 0) throw std::runtime_error("shm_open failed");
+    const int result = ftruncate(fd, size);
+    close(fd);
+    if (result != 0) throw std::runtime_error("ftruncate failed");
+  }
 
   // Writes `text` and a zero byte; `text` must be shorter than the segment.
   void writeText(const std::string& text) {
