@@ -63,6 +63,11 @@ class ServiceDouble {
     std::lock_guard<std::mutex> lock(mutex_);
     codes_[word] = code;
   }
+  // The detail (position 8) of answers to this word (default "").
+  void setDetail(const std::string& word, const std::string& detail) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    details_[word] = detail;
+  }
   // Answers to this word come after `delay`, from a thread of their own.
   void setDelay(const std::string& word, std::chrono::milliseconds delay) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -90,6 +95,8 @@ class ServiceDouble {
     answer[2] = command[2];
     answer[3] = word == "create" ? "obj-" + std::to_string(++created_) : command[3];
     if (answer[0] == "started") answer[6] = kLocalURL;
+    auto detail = details_.find(word);
+    if (detail != details_.end()) answer[8] = detail->second;
     return answer;
   }
 
@@ -141,6 +148,7 @@ class ServiceDouble {
   bool allSilent_ = false;
   std::set<std::string> silent_;
   std::map<std::string, std::string> codes_;
+  std::map<std::string, std::string> details_;
   std::map<std::string, std::chrono::milliseconds> delays_;
   int created_ = 0;
   int answered_ = 0;
