@@ -12,9 +12,9 @@
 //
 // Oracle: the same text parsed by JsonCpp here, unless it is nested more than 64 levels deep,
 // which the library refuses before parsing. The record is empty exactly when the text does not
-// parse or is refused; otherwise position n holds member "n" (strings as they are, numbers and booleans in
-// JsonCpp's text form, "" for null, objects and arrays). The "buf: " log line must show exactly
-// the text up to the first zero byte or the whole 4096 bytes, never more.
+// parse or is refused; otherwise position n holds member "n" (strings as they are, numbers and
+// booleans in JsonCpp's text form, "" for null, objects and arrays). The "buf: " log line must show
+// exactly the text up to the first zero byte or the whole 4096 bytes, never more.
 //
 // This harness creates, writes and at exit removes "/ZVR_PROXY": never run it beside anything
 // else that uses the segment (CTest holds the zvr_proxy_shared_memory lock, scripts/fuzz a

@@ -16,6 +16,16 @@
 
 #include "zvr_media_proxy_diagnostics.h"
 
+namespace velmora {
+
+// For test messages; found by argument-dependent lookup.
+inline std::ostream& operator<<(std::ostream& out, const ZVROutcome& o) {
+  return out << "{" << o.kind << " " << o.name << " id=" << o.proxyId << " ses=" << o.sessionId
+             << " " << o.code << " '" << o.detail << "'}";
+}
+
+}  // namespace velmora
+
 namespace zvr_test {
 
 inline double monotonicSeconds() {
@@ -29,11 +39,6 @@ struct RecordedOutcome {
   double deliveredAt;  // monotonic seconds
   std::thread::id thread;
 };
-
-inline std::ostream& operator<<(std::ostream& out, const velmora::ZVROutcome& o) {
-  return out << "{" << o.kind << " " << o.name << " id=" << o.proxyId << " ses=" << o.sessionId
-             << " " << o.code << " '" << o.detail << "'}";
-}
 
 class OutcomeRecorder {
  public:

@@ -229,8 +229,8 @@ TEST_F(HostileSegmentTest, BracketsInsideStringsAndCommentsDoNotCount) {
   ShmWriter writer;
   ASSERT_EQ(manager_->checkZVREventMemory(), 0);
   const std::string brackets(100, '[');
-  writer.writeText("/* " + brackets + " */ {\"0\":\"" + brackets + "\\\"" + brackets +
-                   "\", // " + brackets + "\n \"1\":\"200\"}");
+  writer.writeText("/* " + brackets + " */ {\"0\":\"" + brackets + "\\\"" + brackets + "\", // " +
+                   brackets + "\n \"1\":\"200\"}");
   EXPECT_EQ(manager_->readZVREventMemory(),
             (Record{brackets + "\"" + brackets, "200", "", "", "", "", "", "", "", "", ""}));
 }

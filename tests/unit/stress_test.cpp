@@ -19,12 +19,14 @@
 #include <vector>
 
 #include "capturing_log.h"
+#include "outcome_recorder.h"
 #include "recording_model_access.h"
 #include "service_double.h"
 #include "shm_writer.h"
 #include "test_support.h"
 #include "zvr_log.h"
 #include "zvr_media_manager_interface.h"
+#include "zvr_media_proxy_diagnostics.h"
 #include "zvr_media_proxy_interface.h"
 #include "zvr_media_proxy_manager.h"
 #include "zvr_media_proxy_object.h"
@@ -124,6 +126,24 @@ int linesLike(const std::vector<LogLine>& lines, unsigned int severity, const st
 
 bool validState(int state) { return state == 0 || state == 1 || state == 2; }
 
+// A second outcome listener that calls back into the library for every outcome it receives.
+void readCountersOnEveryOutcome(const velmora::ZVROutcome& outcome, void*) {
+  Proxy proxy = ZVRMediaProxyInterface::getObjectById(outcome.proxyId);
+  if (proxy) {
+    EXPECT_NE(velmora::getZVRProxyCounters(proxy), nullptr);
+  }
+  EXPECT_NE(velmora::getZVRProcessCounters(), nullptr);
+}
+
+// The number of failed answers of event `name` among `outcomes`.
+int failuresOf(const std::vector<velmora::ZVROutcome>& outcomes, const std::string& name) {
+  int n = 0;
+  for (const velmora::ZVROutcome& o : outcomes) {
+    if (o.kind == velmora::ZVROutcome::kFailedAnswer && o.name == name) ++n;
+  }
+  return n;
+}
+
 std::vector<std::string> record(const std::string& name, const std::string& code,
                                 const std::string& session, const std::string& id) {
   std::vector<std::string> r(11);
@@ -143,6 +163,7 @@ struct FloodCounts {
   int unknown = 0;      // object events for ids that are never registered
   int createdOk = 0;    // "created" 200
   int createdFail = 0;  // "created" 500
+  int seekedFail = 0;   // "seeked" 500 for registered ids
   int status = 0;
   int total = 0;
 };
@@ -160,6 +181,8 @@ void asyncStress() {
   ZVRMediaProxyManager* manager = ZVRMediaProxyManager::getInstance();
   ServiceDouble service(nullptr, ServiceDouble::Delivery::kListener);
   facade->setZVRCallback(&countingCallback);
+  zvr_test::OutcomeRecorder outcomes;
+  velmora::addZVROutcomeListener(&readCountersOnEveryOutcome, nullptr);
 
   std::vector<std::string> explicitIds;
   for (int t = 0; t < kHostThreads; ++t) {
@@ -260,6 +283,7 @@ void asyncStress() {
         case 3:
           r = record("seeked", "500", session, known);
           r[8] = "seek refused";
+          ++flood.seekedFail;
           break;
         case 4:
           r = record("started", "200", session, "nobody-" + std::to_string(n));
@@ -354,6 +378,12 @@ void asyncStress() {
   EXPECT_EQ(linesLike(lines, kHeadline, "New Created Object: "),
             flood.createdOk + commandsOf({"create"}));
   EXPECT_EQ(linesLike(lines, kError, "Create Failed: "), flood.createdFail);
+
+  // Every failed answer reached the outcome listeners once.
+  EXPECT_TRUE(outcomes.waitCount(flood.seekedFail + flood.createdFail, kDeliveryWait));
+  velmora::removeZVROutcomeListener(&readCountersOnEveryOutcome, nullptr);
+  EXPECT_EQ(failuresOf(outcomes.outcomes(), "seeked"), flood.seekedFail);
+  EXPECT_EQ(failuresOf(outcomes.outcomes(), "created"), flood.createdFail);
 }
 
 TEST(StressTest, HostThreadsListenerFloodAndRegistryMaintenanceRunTogether) {
@@ -374,6 +404,8 @@ void syncStress() {
   ASSERT_NE(facade, nullptr);
   ZVRMediaProxyManager* manager = ZVRMediaProxyManager::getInstance();
   facade->setZVRCallback(&countingCallback);
+  zvr_test::OutcomeRecorder outcomes;
+  velmora::addZVROutcomeListener(&readCountersOnEveryOutcome, nullptr);
 
   // Switches the manager into sync mode: from here on every command waits for its answer.
   Proxy seed = facade->createNewZVRMediaProxySync("seed");
@@ -466,6 +498,16 @@ void syncStress() {
   EXPECT_EQ(callbackCounts().other.load(), 0);
   for (const std::string& id : notifiedIds()) {
     EXPECT_EQ(knownIds.count(id), 1u) << "callback for unknown id " << id;
+  }
+
+  // The service answered everything: no failure reached the listeners, and any wait that ran
+  // out under load was reported for its command and proxy.
+  velmora::removeZVROutcomeListener(&readCountersOnEveryOutcome, nullptr);
+  for (const velmora::ZVROutcome& o : outcomes.outcomes()) {
+    EXPECT_NE(o.kind, velmora::ZVROutcome::kFailedAnswer) << o;
+    if (o.kind == velmora::ZVROutcome::kWaitTimedOut && o.name != "create" && o.name != "inspect") {
+      EXPECT_EQ(knownIds.count(o.proxyId), 1u) << o;
+    }
   }
 }
 
