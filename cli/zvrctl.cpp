@@ -15,12 +15,16 @@
 //   wait-url ID [MS] | wait-definitions ID [MS]    wait for that callback (default 3000 ms)
 //   wait-state ID STATE [MS]             wait until the proxy reaches STATE
 //   fetch ID|URL [FILE]                  HTTP GET of the proxy's local URL (or of URL)
+//   stats [ID]                           the process's counters, and the proxy's (or every
+//                                        proxy's of this process)
 //   sleep MS | echo TEXT...
 // A command that names an ID this process does not know attaches a proxy to it first.
 //
-// Every application callback is printed as it arrives ("callback ID url VALUE"), every state
-// change after the command that caused it, and each command's duration. The exit status is 0
-// when every command succeeded; a script stops at its first failure.
+// Every application callback is printed as it arrives ("callback ID url VALUE"), every outcome
+// the library reports ("outcome ID started 404 no such file": id, event or command, code or
+// kind, detail), every state change after the command that caused it, and each command's
+// duration. wait-url ends at once, failing, when the start's answer was a failure. The exit
+// status is 0 when every command succeeded; a script stops at its first failure.
 
 #include <httplib.h>
 
@@ -39,6 +43,7 @@
 #include <vector>
 
 #include "zvr_media_manager_interface.h"
+#include "zvr_media_proxy_diagnostics.h"
 #include "zvr_media_proxy_interface.h"
 #include "zvr_media_proxy_manager.h"
 
@@ -61,6 +66,8 @@ struct Reported {
   std::condition_variable changed;
   std::map<std::string, std::string> url;
   std::map<std::string, std::string> definitions;
+  // The outcome line of a failed "started" answer, by proxy id.
+  std::map<std::string, std::string> startFailure;
 };
 
 Reported& reported() {
@@ -78,9 +85,36 @@ void onChange(std::string id, std::string kind, std::string value) {
   r.changed.notify_all();
 }
 
+// Runs on the library's outcome thread.
+void onOutcome(const velmora::ZVROutcome& o, void*) {
+  using velmora::ZVROutcome;
+  std::string what = o.code;
+  if (o.kind == ZVROutcome::kWaitTimedOut) what = "timeout";
+  if (o.kind == ZVROutcome::kCreationEmpty) what = "empty";
+  if (o.kind == ZVROutcome::kServiceRestart) what = "requested";
+  const std::string id = !o.proxyId.empty() ? o.proxyId : !o.sessionId.empty() ? o.sessionId : "-";
+  const std::string line = "outcome " + id + " " + o.name + " " + what + " " + o.detail;
+  say("  " + line);
+  if (o.kind == ZVROutcome::kFailedAnswer && o.name == "started") {
+    Reported& r = reported();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    r.startFailure[o.proxyId] = line;
+    r.changed.notify_all();
+  }
+}
+
+void printCounts(const std::string& label, const std::map<std::string, uint64_t>& counts) {
+  std::string line = "    " + label + ":";
+  for (const auto& entry : counts) line += " " + entry.first + "=" + std::to_string(entry.second);
+  say(line);
+}
+
 class Host {
  public:
-  Host() : interface_(requestZVRMediaProxy()) { interface_->setZVRCallback(&onChange); }
+  Host() : interface_(requestZVRMediaProxy()) {
+    interface_->setZVRCallback(&onChange);
+    velmora::addZVROutcomeListener(&onOutcome, nullptr);
+  }
 
   // Runs one command line; false when it failed.
   bool run(const std::string& line);
@@ -89,6 +123,8 @@ class Host {
   bool dispatch(const std::vector<std::string>& words);
   std::shared_ptr<ZVRMediaProxyInterface> proxy(std::string id);
   bool waitReported(bool url, const std::string& id, int timeoutMs);
+  void forgetReported(const std::string& id);
+  void printStats(const std::string& id);
   void reportStates();
   bool fetch(const std::string& target, const std::string& file);
 
@@ -160,12 +196,54 @@ void Host::reportStates() {
   }
 }
 
+// A failed "started" answer ends a wait for the URL at once.
 bool Host::waitReported(bool url, const std::string& id, int timeoutMs) {
   Reported& r = reported();
   std::unique_lock<std::mutex> lock(r.mutex);
   const auto& map = url ? r.url : r.definitions;
-  return r.changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                            [&] { return map.count(id) != 0; });
+  r.changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                     [&] { return map.count(id) != 0 || (url && r.startFailure.count(id) != 0); });
+  if (map.count(id) != 0) return true;
+  if (url && r.startFailure.count(id) != 0) say("  start failed: " + r.startFailure[id]);
+  return false;
+}
+
+// A new start or preload: what the last one reported no longer counts.
+void Host::forgetReported(const std::string& id) {
+  Reported& r = reported();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  r.url.erase(id);
+  r.definitions.erase(id);
+  r.startFailure.erase(id);
+}
+
+void Host::printStats(const std::string& only) {
+  const auto process = velmora::getZVRProcessCounters();
+  say("  process: creations tried=" + std::to_string(process->creationsTried) +
+      " succeeded=" + std::to_string(process->creationsSucceeded) +
+      " empty=" + std::to_string(process->creationsEmpty) +
+      " attempts=" + std::to_string(process->creationAttempts) +
+      " restarts=" + std::to_string(process->serviceRestarts) +
+      " mappings=" + std::to_string(process->segmentMappings) +
+      " parse-failures=" + std::to_string(process->segmentParseFailures) +
+      " unrouted=" + std::to_string(process->unroutedRecords) + " deliveries=" +
+      std::to_string(process->listenerDeliveries) + (process->counting ? "" : " (counting off)"));
+  for (const auto& entry : proxies_) {
+    if (!only.empty() && entry.first != only) continue;
+    const auto counters = velmora::getZVRProxyCounters(entry.second);
+    if (!counters) continue;
+    say("  proxy '" + entry.first + "':");
+    printCounts("commands sent", counters->commandsSent);
+    printCounts("events received", counters->eventsReceived);
+    printCounts("failures", counters->failures);
+    say("    waits timed out: " + std::to_string(counters->waitsTimedOut));
+    if (counters->lastFailureTime != 0) {
+      char time[32];
+      std::snprintf(time, sizeof time, "%.3f", counters->lastFailureTime);
+      say("    last failure: " + counters->lastFailureName + " " + counters->lastFailureCode + " " +
+          counters->lastFailureDetail + " at " + time);
+    }
+  }
 }
 
 bool Host::fetch(const std::string& target, const std::string& file) {
@@ -227,6 +305,7 @@ bool Host::dispatch(const std::vector<std::string>& w) {
     if (n == 4 && !toInt(w[3], &number)) return false;
     std::shared_ptr<ZVRMediaProxyInterface> p = proxy(w[1]);
     if (!p) return false;
+    forgetReported(w[1]);
     p->start(w[2], n == 4 ? number : 1);
     return true;
   }
@@ -249,6 +328,7 @@ bool Host::dispatch(const std::vector<std::string>& w) {
   if (command == "preload" && n >= 3 && n <= 6 && toDouble(w[2], &position)) {
     std::shared_ptr<ZVRMediaProxyInterface> p = proxy(w[1]);
     if (!p) return false;
+    forgetReported(w[1]);
     p->preload(position, n > 3 ? w[3] : "", n > 4 ? w[4] : "", n > 5 ? w[5] : "");
     return true;
   }
@@ -280,6 +360,11 @@ bool Host::dispatch(const std::vector<std::string>& w) {
     return p != nullptr;
   }
   if (command == "fetch" && (n == 2 || n == 3)) return fetch(w[1], n == 3 ? w[2] : "");
+  if (command == "stats" && (n == 1 || n == 2)) {
+    if (n == 2 && !proxy(w[1])) return false;
+    printStats(n == 2 ? w[1] : "");
+    return true;
+  }
   if (command == "sleep" && n == 2 && toInt(w[1], &number)) {
     std::this_thread::sleep_for(std::chrono::milliseconds(number));
     return true;
