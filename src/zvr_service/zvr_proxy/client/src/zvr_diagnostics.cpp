@@ -134,6 +134,8 @@ struct ThreadState {
   std::vector<ZVROutcome> pending;
   // The proxy whose command this thread is sending.
   const ZVRMediaProxyObject* commandObject = nullptr;
+  // The proxy this thread is entering into the registry.
+  const ZVRMediaProxyObject* registering = nullptr;
   std::shared_ptr<ProxyStats> commandStats;
 };
 
@@ -446,6 +448,17 @@ bool holdsProxyMutex(const ZVRMediaProxyObject* object) {
     if (held == object) return true;
   }
   return false;
+}
+
+RegisteringScope::RegisteringScope(const ZVRMediaProxyObject* object)
+    : previous_(tThread.registering) {
+  tThread.registering = object;
+}
+
+RegisteringScope::~RegisteringScope() { tThread.registering = previous_; }
+
+bool registering(const ZVRMediaProxyObject* object) {
+  return object != nullptr && tThread.registering == object;
 }
 
 }  // namespace diagnostics

@@ -95,6 +95,22 @@ void proxyMutexUnlocked(const ZVRMediaProxyObject* object);
 // True when this thread holds that proxy's mutex across a call out.
 bool holdsProxyMutex(const ZVRMediaProxyObject* object);
 
+// While it lives, this thread enters `object` into the registry under the manager mutex, and
+// the object's id() reads its id (which never changes) without taking the object's mutex. The
+// registry would otherwise order "manager mutex, then proxy mutex", against the "proxy mutex,
+// then manager mutex" of a url notification that looks proxies up.
+class RegisteringScope {
+ public:
+  explicit RegisteringScope(const ZVRMediaProxyObject* object);
+  ~RegisteringScope();
+  RegisteringScope(const RegisteringScope&) = delete;
+  RegisteringScope& operator=(const RegisteringScope&) = delete;
+
+ private:
+  const ZVRMediaProxyObject* const previous_;
+};
+bool registering(const ZVRMediaProxyObject* object);
+
 // The number of threads with outcomes waiting for their locks to be released. A thread that
 // releases a library lock calls lockReleased(), which costs one relaxed load when none waits.
 extern std::atomic<int> gThreadsWithPending;

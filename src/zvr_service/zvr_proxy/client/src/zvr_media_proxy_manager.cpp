@@ -324,7 +324,11 @@ void ZVRMediaProxyManager::notifyURLChanged(const std::string& id, std::string u
 // --- Registry and identifiers ------------------------------------------------------------------
 
 void ZVRMediaProxyManager::cacheProxyObject(std::shared_ptr<ZVRMediaProxyObject> object) {
-  std::string key = object->id();
+  std::string key;
+  {
+    diagnostics::RegisteringScope registering(object.get());
+    key = object->id();
+  }
   std::lock_guard<std::mutex> registryLock(registryMutex_);
   // emplace keeps an existing entry: the first registration of an id wins.
   proxyRegistry_.emplace(std::move(key), std::move(object));

@@ -98,7 +98,7 @@ ZVRMediaProxyObject::~ZVRMediaProxyObject() = default;
 // getters then read without taking it again, which shows the state before the move to
 // STATE_STARTED and the URL being announced.
 std::string ZVRMediaProxyObject::id() {
-  if (diagnostics::holdsProxyMutex(this)) return id_;
+  if (diagnostics::holdsProxyMutex(this) || diagnostics::registering(this)) return id_;
   std::lock_guard<std::mutex> lock(mutex_);
   return id_;
 }
