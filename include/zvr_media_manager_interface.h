@@ -16,8 +16,20 @@
 // built (the platform refused to start its event listener), or that the creation failed inside
 // the library (a lock or memory failure); both are logged.
 //
+// What a host must do about three properties of the creations:
+//   - Creations without id that run at the same time share one list of answers and may return
+//     the same id; an id, once registered, is never replaced by a later creation, so the second
+//     proxy receives no events. Serialise creations without id, and treat an id that this
+//     process has seen before as a failed creation.
+//   - In sync mode every creation maps "/ZVR_PROXY" once more and never unmaps the earlier
+//     mappings (about 500 mappings per 1,000 operations): the kernel's default limit of 65,530
+//     mappings per process is reached after about 32,700 synchronous creations. Budget them.
+//   - The registry keeps every proxy it ever registered (about 59 kB per 1,000 asynchronous
+//     operations), also after the host has let go of it.
+//
 // The callback receives (proxy id, "url" or "definitions", value). See
 // zvr_media_proxy_interface.h for the threads it runs on and what it may call.
+// zvr_media_proxy_diagnostics.h adds outcome listeners and counters.
 
 #ifndef ZVR_MEDIA_MANAGER_INTERFACE_H_
 #define ZVR_MEDIA_MANAGER_INTERFACE_H_

@@ -13,10 +13,17 @@
 //   - the caller's own thread, inside start(url, 0), and inside any command whose synchronous
 //     wait found its answer.
 // One answer may reach the callback twice (once through the wait, once through the listener).
-// The "url" notification runs while the proxy's own mutex is held: from inside the callback, do
-// not call any operation of the proxy being notified (it would wait for that mutex for ever).
-// The manager may be used. Another proxy may be used only if its own "url" callback never calls
-// back into this one: two proxies notifying at once would each wait for the other's mutex.
+//
+// Calls from inside the "url" notification, which runs while the notified proxy's mutex is held:
+//   - the notified proxy's id(), localURL() and getState() answer at once: the new URL, and
+//     state 1 (the proxy moves to 2 after the notification);
+//   - its commands (start, stop, pause, seek, preload) are deferred: they run on the same thread,
+//     in call order, right after the notification, so their effect lands after the move to
+//     state 2 (stop() from there leaves the proxy idle);
+//   - other proxies and the manager may be used as anywhere else. A creation without id called
+//     there in asynchronous mode cannot be answered, since the listener thread that would deliver
+//     its "created" answer is the caller: it returns after its bounded wait (a little more than
+//     2.2 s) with a proxy of the empty id, having restarted the service once.
 
 #ifndef ZVR_MEDIA_PROXY_INTERFACE_H_
 #define ZVR_MEDIA_PROXY_INTERFACE_H_

@@ -9,8 +9,9 @@
 // Threads: host threads call the creation and request operations; the platform's listener thread
 // calls onZVREvent. A synchronous wait that finds its answer also runs onZVREvent, on the waiting
 // thread. Every operation is safe to call from any thread, but a synchronous request must not be
-// called while the caller holds the manager mutex or a proxy's mutex, that is, never from inside
-// the "url" notification of the application callback.
+// called while the caller holds the manager mutex, nor for a proxy from inside that proxy's "url"
+// notification (the answer's handler would wait for the mutex the notifying thread holds); the
+// proxy's own commands, which are deferred there, are the way to act on it.
 
 #ifndef ZVR_MEDIA_PROXY_MANAGER_H_
 #define ZVR_MEDIA_PROXY_MANAGER_H_

@@ -8,8 +8,9 @@
 // Threads: commands and getters come from host threads; onZVREvent comes from the manager's
 // dispatch (the listener thread or a synchronous waiter) and, inside start(url, 0), from the
 // caller's own thread. The object's mutex is released before every manager request, except that
-// onMediaStarted holds it across the "url" notification: the application callback must not call
-// back into the same proxy.
+// onMediaStarted holds it across the "url" notification; calls that the application makes on the
+// same proxy from there are answered without the mutex (getters) or deferred until the
+// notification has ended (commands), see zvr_media_proxy_interface.h.
 
 #ifndef ZVR_MEDIA_PROXY_OBJECT_H_
 #define ZVR_MEDIA_PROXY_OBJECT_H_
