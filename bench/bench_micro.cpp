@@ -17,6 +17,9 @@
 //   BM_LogEnabled / BM_LogEnabledBaseline
 //       ZVR_LOG at an enabled severity into a sink that formats and drops, against one snprintf
 //       of the same line.
+//   BM_Command / BM_CommandUncounted, BM_Dispatch/N / BM_DispatchUncounted/N
+//       the cost of the diagnostics counters: the same work with counting on (the default) and
+//       switched off in place (the switch that ZVR_COUNTERS=0 sets at load).
 //
 // Logging is off (threshold 0) except where a benchmark says otherwise.
 
@@ -32,6 +35,7 @@
 
 #include "bench_doubles.h"
 #include "log_utils.h"
+#include "zvr_diagnostics.h"
 #include "zvr_log.h"
 #include "zvr_media_proxy_manager.h"
 #include "zvr_media_proxy_object.h"
@@ -61,7 +65,22 @@ std::string sessionId() {
 
 // --- One asynchronous command ----------------------------------------------------------------
 
-void BM_Command(benchmark::State& state) {
+// Switches counting off for the life of the object.
+class CountingOff {
+ public:
+  explicit CountingOff(bool off) : off_(off) {
+    if (off_) velmora::diagnostics::setCounting(false);
+  }
+  ~CountingOff() {
+    if (off_) velmora::diagnostics::setCounting(true);
+  }
+
+ private:
+  const bool off_;
+};
+
+void runCommand(benchmark::State& state, bool uncounted) {
+  CountingOff counting(uncounted);
   zvr_bench::setLogThreshold(0);
   std::shared_ptr<ZVRMediaProxyObject> proxy = ZVRMediaProxyObject::create("zvr-1");
   proxy->start("http://127.0.0.1:8080/media/zvr-1", 1);
@@ -78,7 +97,12 @@ void BM_Command(benchmark::State& state) {
     state.SkipWithError("a seek was not sent");
   }
 }
+
+void BM_Command(benchmark::State& state) { runCommand(state, false); }
 BENCHMARK(BM_Command);
+
+void BM_CommandUncounted(benchmark::State& state) { runCommand(state, true); }
+BENCHMARK(BM_CommandUncounted);
 
 void BM_CommandBaseline(benchmark::State& state) {
   const std::string id = "zvr-1";
@@ -138,7 +162,8 @@ std::vector<std::string> seekedRecord(const std::string& id) {
   return record;
 }
 
-void BM_Dispatch(benchmark::State& state) {
+void runDispatch(benchmark::State& state, bool uncounted) {
+  CountingOff counting(uncounted);
   Registry& registry = registryOf(static_cast<int>(state.range(0)), false);
   std::vector<std::string> record = seekedRecord(registry.key);
   // One delivery with the headlines on proves that the record reaches the proxy ("Seek Done").
@@ -154,7 +179,12 @@ void BM_Dispatch(benchmark::State& state) {
     registry.manager->onZVREvent(record);
   }
 }
+
+void BM_Dispatch(benchmark::State& state) { runDispatch(state, false); }
 BENCHMARK(BM_Dispatch)->Arg(1)->Arg(1000)->Arg(100000);
+
+void BM_DispatchUncounted(benchmark::State& state) { runDispatch(state, true); }
+BENCHMARK(BM_DispatchUncounted)->Arg(1)->Arg(1000)->Arg(100000);
 
 void BM_DispatchBaseline(benchmark::State& state) {
   Registry& registry = registryOf(static_cast<int>(state.range(0)), false);

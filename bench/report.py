@@ -5,7 +5,8 @@
 
 RESULTS_DIR holds what scripts/bench wrote: micro.json and event_memory.json (Google Benchmark
 JSON with repetitions), end_to_end.json (Google Benchmark JSON) with end_to_end_samples.json (the
-raw samples), memory.json and sizes.json. Each micro figure is the median over the repetitions
+raw samples), memory.json and sizes.json, and rows_*.json: rows that a program computed itself,
+{"rows": [{"figure", "library", "baseline", "ratio", "note", "kind", "values"}]}. Each micro figure is the median over the repetitions
 of the CPU time per iteration; each end-to-end figure is a percentile of its samples. A ratio is
 always library / baseline from the same process and run.
 """
@@ -101,6 +102,11 @@ def main():
         micro_row("attach: createNewZVRMediaProxy(id) of a registered id, %s registered" % label,
                   "BM_Attach/%d" % n, "BM_AttachBaseline/%d" % n,
                   "baseline: new object + map erase/insert")
+    micro_row("counters: async command, counting on / off", "BM_Command", "BM_CommandUncounted",
+              "goal: at most 1.10")
+    for n, label in ((1, "1"), (1000, "1,000"), (100000, "100,000")):
+        micro_row("counters: dispatch, counting on / off, %s registered" % label,
+                  "BM_Dispatch/%d" % n, "BM_DispatchUncounted/%d" % n, "goal: at most 1.15")
     micro_row("log: ZVR_LOG at a disabled severity", "BM_LogDisabled", "BM_LogDisabledBaseline",
               "baseline: one level-check call")
     micro_row("log: ZVR_LOG enabled, discarding sink", "BM_LogEnabled", "BM_LogEnabledBaseline",
@@ -192,6 +198,14 @@ def main():
         else:
             add("size: stripped libzvr_media_proxy.so, %s" % arch, "%d B" % s["bytes"], "-",
                 None, s.get("note", ""), kind="absolute", raw=s)
+
+    # --- Figures that their programs computed: rows_*.json -------------------------------------
+    for name in sorted(os.listdir(results_dir)):
+        if not (name.startswith("rows_") and name.endswith(".json")):
+            continue
+        for r in (load(os.path.join(results_dir, name)) or {}).get("rows", []):
+            add(r["figure"], r["library"], r.get("baseline", "-"), r.get("ratio"),
+                r.get("note", ""), kind=r.get("kind", "ratio"), raw=r.get("values"))
 
     # --- Output -------------------------------------------------------------------------------
     headers = ("figure", "library", "baseline", "ratio", "note")
