@@ -40,6 +40,7 @@ double monotonicNow() {
 // The names a proxy counts without a lock; any other name goes to ProxyStats::otherEvents.
 constexpr std::string_view kCountedEvents[] = {kEventStarted, kEventStopped, kEventSeeked,
                                                kEventDefinition};
+static_assert(kEventStarted.size() == kEventStopped.size(), "started and stopped share a case");
 constexpr std::size_t kCountedEventCount = sizeof kCountedEvents / sizeof kCountedEvents[0];
 constexpr std::string_view kProxyCommands[] = {"start", "stop", "seek", "preload"};
 constexpr std::size_t kProxyCommandCount = sizeof kProxyCommands / sizeof kProxyCommands[0];
@@ -52,12 +53,28 @@ std::size_t indexOf(const std::string_view (&names)[N], std::string_view name) {
   return N;
 }
 
+// The position of `name` in kCountedEvents, or kCountedEventCount: on the dispatch path, so each
+// comparison is against a name of known length, which the compiler inlines.
+std::size_t countedEventIndex(std::string_view name) {
+  switch (name.size()) {
+    case kEventSeeked.size():
+      return name == kEventSeeked ? 2 : kCountedEventCount;
+    case kEventStarted.size():
+      return name == kEventStarted ? 0 : name == kEventStopped ? 1 : kCountedEventCount;
+    case kEventDefinition.size():
+      return name == kEventDefinition ? 3 : kCountedEventCount;
+    default:
+      return kCountedEventCount;
+  }
+}
+
 // How many failed answers are remembered to report an answer that arrives twice only once.
 constexpr std::size_t kRememberedAnswers = 256;
 
 }  // namespace
 
 std::atomic<bool> gCounting{countingSwitch()};
+std::atomic<bool> gHasListeners{false};
 std::atomic<int> gThreadsWithPending{0};
 
 void setCounting(bool on) { gCounting.store(on, std::memory_order_relaxed); }
@@ -182,8 +199,6 @@ Outcomes& outcomes() {
   static Outcomes* const o = new Outcomes;
   return *o;
 }
-
-std::atomic<bool> gHasListeners{false};
 
 void deliverForever() {
   Outcomes& o = outcomes();
@@ -324,7 +339,7 @@ CommandScope::~CommandScope() {
 
 void eventReceived(ProxyStats* stats, std::string_view name) {
   if (stats == nullptr || !counting()) return;
-  const std::size_t i = indexOf(kCountedEvents, name);
+  const std::size_t i = countedEventIndex(name);
   if (i < kCountedEventCount) {
     stats->events[i].fetch_add(1, std::memory_order_relaxed);
     return;

@@ -32,6 +32,11 @@ extern std::atomic<bool> gCounting;
 inline bool counting() { return gCounting.load(std::memory_order_relaxed); }
 void setCounting(bool on);
 
+// True while some outcome listener is added.
+extern std::atomic<bool> gHasListeners;
+// Whether anything would take note of what the library reports: counting, or a listener.
+inline bool observed() { return counting() || gHasListeners.load(std::memory_order_relaxed); }
+
 // --- Proxies ------------------------------------------------------------------------------------
 
 // Owns `object` in a shared pointer whose deleter carries the proxy's statistics, and enters it in

@@ -935,7 +935,9 @@ void ZVRMediaProxyManager::onZVREvent(std::vector<std::string>& record) {
   std::shared_ptr<ZVRMediaProxyObject> object = findProxyObjectFromCache(objectId);
   if (object) {
     object->onZVREvent(record);
-    diagnostics::recordHandled(diagnostics::statsOf(object), object.get(), record);
+    if (diagnostics::observed()) {
+      diagnostics::recordHandled(diagnostics::statsOf(object), object.get(), record);
+    }
   } else {
     ZVR_LOG(kError, "unable to find object for event: %s, %s,%s\n", name.c_str(), code.c_str(),
             objectId.c_str());
