@@ -71,37 +71,47 @@ PrivateBus::PrivateBus(const std::vector<std::string>& emulatorOptions, bool act
   for (const std::string& option : emulatorOptions) config << option << "\n";
   config.close();
 
+  if (!startDaemon()) throw std::runtime_error("dbus-daemon did not come up");
+  setenv(zvr_bus::kAddressVariable, address_.c_str(), 1);
+}
+
+PrivateBus::~PrivateBus() {
+  const int emulator = emulatorPid();
+  if (emulator > 0) {
+    kill(emulator, SIGTERM);
+    kill(emulator, SIGCONT);  // a test may have left it stopped
+    waitEmulatorGone(5000);
+  }
+  stopDaemon();
+  std::error_code ignored;
+  std::filesystem::remove_all(dir_, ignored);
+}
+
+bool PrivateBus::startDaemon() {
+  const std::string socket = dir_ + "/bus.socket";
+  unlink(socket.c_str());  // left behind by a daemon that was killed
   const std::string configArgument = "--config-file=" + dir_ + "/bus.conf";
   char* const argv[] = {const_cast<char*>("dbus-daemon"), const_cast<char*>(configArgument.c_str()),
                         const_cast<char*>("--nofork"), nullptr};
   pid_t pid = -1;
-  if (posix_spawnp(&pid, "dbus-daemon", nullptr, nullptr, argv, environ) != 0) {
-    throw std::runtime_error("cannot start dbus-daemon");
-  }
+  if (posix_spawnp(&pid, "dbus-daemon", nullptr, nullptr, argv, environ) != 0) return false;
   daemonPid_ = pid;
-  const std::string socket = dir_ + "/bus.socket";
-  if (!pollUntil([&] { return access(socket.c_str(), F_OK) == 0; }, 10000)) {
-    throw std::runtime_error("dbus-daemon did not come up");
-  }
-  setenv(zvr_bus::kAddressVariable, address_.c_str(), 1);
-  connection_ = sdbus::createSessionBusConnectionWithAddress(address_);
+  // The socket file appears at bind(), a moment before the daemon listens.
+  return pollUntil(
+      [&] {
+        if (access(socket.c_str(), F_OK) != 0) return false;
+        try {
+          connection_ = sdbus::createSessionBusConnectionWithAddress(address_);
+        } catch (const sdbus::Error&) {
+          return false;
+        }
+        return true;
+      },
+      10000);
 }
 
-PrivateBus::~PrivateBus() {
-  try {
-    uint32_t pid = 0;
-    daemon()
-        .callMethod("GetConnectionUnixProcessID")
-        .onInterface("org.freedesktop.DBus")
-        .withArguments(std::string(zvr_bus::kServiceName))
-        .storeResultsTo(pid);
-    if (pid != 0) {
-      kill(static_cast<pid_t>(pid), SIGTERM);
-      waitEmulatorGone(5000);
-    }
-  } catch (const std::exception&) {
-    // No emulator on the bus.
-  }
+void PrivateBus::stopDaemon() {
+  const int emulator = emulatorPid();
   emulatorProxy_.reset();
   daemonProxy_.reset();
   connection_.reset();
@@ -109,12 +119,46 @@ PrivateBus::~PrivateBus() {
     kill(daemonPid_, SIGTERM);
     int status = 0;
     waitpid(daemonPid_, &status, 0);
+    daemonPid_ = -1;
   }
-  std::error_code ignored;
-  std::filesystem::remove_all(dir_, ignored);
+  if (emulator > 0) {
+    kill(emulator, SIGTERM);
+    kill(emulator, SIGCONT);
+    // Activated by the daemon, so not our child: gone once it no longer exists or is a zombie
+    // waiting for whoever inherited it.
+    pollUntil(
+        [emulator] {
+          std::ifstream stat("/proc/" + std::to_string(emulator) + "/stat");
+          std::string text;
+          if (!std::getline(stat, text)) return true;
+          const std::size_t end = text.rfind(')');
+          return end != std::string::npos && end + 2 < text.size() && text[end + 2] == 'Z';
+        },
+        5000);
+  }
+}
+
+bool PrivateBus::restartDaemon() {
+  stopDaemon();
+  return startDaemon();
+}
+
+int PrivateBus::emulatorPid() {
+  try {
+    uint32_t pid = 0;
+    daemon()
+        .callMethod("GetConnectionUnixProcessID")
+        .onInterface("org.freedesktop.DBus")
+        .withArguments(std::string(zvr_bus::kServiceName))
+        .storeResultsTo(pid);
+    return pid != 0 ? static_cast<int>(pid) : -1;
+  } catch (const std::exception&) {
+    return -1;  // no emulator on the bus
+  }
 }
 
 sdbus::IProxy& PrivateBus::daemon() {
+  if (!connection_) throw std::logic_error("the bus daemon is stopped");
   if (!daemonProxy_) {
     daemonProxy_ =
         sdbus::createProxy(*connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus");
@@ -124,6 +168,7 @@ sdbus::IProxy& PrivateBus::daemon() {
 }
 
 sdbus::IProxy& PrivateBus::emulator() {
+  if (!connection_) throw std::logic_error("the bus daemon is stopped");
   if (!emulatorProxy_) {
     emulatorProxy_ = sdbus::createProxy(*connection_, zvr_bus::kServiceName, zvr_bus::kObjectPath);
     emulatorProxy_->finishRegistration();
