@@ -32,10 +32,12 @@
 // listener thread, and the client may destroy the ZVRModelAccess from there. Nothing throws out
 // of this library but the unwinding of a cancelled thread: failures are logged and return -1.
 
-#include <cxxabi.h>
+#include <errno.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <sdbus-c++/sdbus-c++.h>
@@ -47,10 +49,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -97,13 +101,82 @@ constexpr std::chrono::milliseconds kLongestRetry(1000);
 // only replies and the daemon's few unicast signals, so a handful is plenty.
 constexpr int kDrainLimit = 64;
 
+// A value of a D-Bus address with its %XX escapes undone.
+std::string unescape(const std::string& value) {
+  auto digit = [](char c) {
+    return c >= '0' && c <= '9'   ? c - '0'
+           : c >= 'a' && c <= 'f' ? c - 'a' + 10
+           : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                  : -1;
+  };
+  std::string text;
+  for (std::size_t i = 0; i < value.size(); ++i) {
+    if (value[i] == '%' && i + 2 < value.size() && digit(value[i + 1]) >= 0 &&
+        digit(value[i + 2]) >= 0) {
+      text += static_cast<char>(digit(value[i + 1]) * 16 + digit(value[i + 2]));
+      i += 2;
+    } else {
+      text += value[i];
+    }
+  }
+  return text;
+}
+
+// Whether something accepts connections at `path`.
+bool socketListens(const std::string& path) {
+  sockaddr_un address = {};
+  if (path.size() >= sizeof address.sun_path) return true;  // let sd-bus judge
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path.data(), path.size());
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) return true;
+  const bool listens =
+      connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
+      errno == EAGAIN || errno == EINPROGRESS;
+  close(fd);
+  return listens;
+}
+
+// Whether a connection to the D-Bus `address` can succeed. sdbus-c++ 1.2 leaks the bus object of
+// every failed connection to an explicit address (about 1.8 kB), and the listener tries again and
+// again while the bus is gone, so the unix:path= entries are tried first with a plain connect();
+// any other kind of entry is left to sd-bus.
+bool mayConnect(const std::string& address) {
+  std::size_t begin = 0;
+  while (begin <= address.size()) {
+    std::size_t end = address.find(';', begin);
+    if (end == std::string::npos) end = address.size();
+    const std::string entry = address.substr(begin, end - begin);
+    begin = end + 1;
+    if (entry.empty()) continue;
+    if (entry.compare(0, 5, "unix:") != 0) return true;
+    std::string path;
+    std::size_t at = 5;
+    while (at <= entry.size()) {
+      std::size_t next = entry.find(',', at);
+      if (next == std::string::npos) next = entry.size();
+      if (entry.compare(at, 5, "path=") == 0) path = unescape(entry.substr(at + 5, next - at - 5));
+      at = next + 1;
+    }
+    if (path.empty() || socketListens(path)) return true;
+  }
+  return false;
+}
+
 std::unique_ptr<sdbus::IConnection> connectToBus() {
   const char* address = std::getenv(zvr_bus::kAddressVariable);
   const std::string choice = address != nullptr ? address : "";
   if (choice.empty() || choice == "session") return sdbus::createSessionBusConnection();
   if (choice == "system") return sdbus::createSystemBusConnection();
+  if (!mayConnect(choice)) throw std::runtime_error("no bus daemon listens at " + choice);
   return sdbus::createSessionBusConnectionWithAddress(choice);
 }
+
+// Inside a catch (...) handler: whether the exception is the unwinding of a cancelled thread
+// (glibc's abi::__forced_unwind), which must go on. A handler that names that type binds a
+// reference to a null object, which UBSan reports; std::current_exception() is empty for it, as
+// for any exception not thrown by C++ code, which goes on as well.
+bool unwindingCancelledThread() { return !std::current_exception(); }
 
 // Disables the calling thread's cancellation for its lifetime and remembers the caller's state
 // for the one place where a cancellation may act (see the top of this file).
@@ -314,16 +387,17 @@ bool Core::call_l(sdbus::IProxy& target, const char* interface, const char* meth
       return true;
     }
     *error = std::move(answer->error);
-  } catch (const abi::__forced_unwind&) {
-    // Cancelled while waiting: the call is still pending on the command connection, whose next
-    // reply would not be this caller's. A connection in that state is not used again.
-    logLine(kLogError, "%s cancelled; the next call connects anew\n", method);
-    disconnect_l();
-    throw;
   } catch (const sdbus::Error& e) {
     *error = {e.getName(), e.getMessage()};
   } catch (const std::exception& e) {
     *error = {"", e.what()};
+  } catch (...) {
+    // Only the unwinding of a thread cancelled in the poll above gets here. The call is still
+    // pending on the command connection, whose next reply would not be this caller's: a
+    // connection in that state is not used again.
+    logLine(kLogError, "%s cancelled; the next call connects anew\n", method);
+    disconnect_l();
+    throw;
   }
   connectionWorks_l();
   return false;
@@ -468,11 +542,10 @@ void Core::reportOwner(const std::string& current) {
   logLine(kLogProgress, "media service appeared as %s\n", current.c_str());
   try {
     client->onZVRConnected();
-  } catch (const abi::__forced_unwind&) {
-    throw;
   } catch (const std::exception& e) {
     logLine(kLogError, "connection handler threw: %s\n", e.what());
   } catch (...) {
+    if (unwindingCancelledThread()) throw;
     logLine(kLogError, "connection handler threw\n");
   }
 }
@@ -505,11 +578,10 @@ void Core::deliver() {
     }
     try {
       client->onZVREvent(notice.record);
-    } catch (const abi::__forced_unwind&) {
-      throw;
     } catch (const std::exception& e) {
       logLine(kLogError, "event handler threw: %s\n", e.what());
     } catch (...) {
+      if (unwindingCancelledThread()) throw;
       logLine(kLogError, "event handler threw\n");
     }
   }
@@ -668,10 +740,12 @@ int ZVRModelAccess::requestStartZVRService() {
   const NoCancellation caller;
   try {
     return impl_->core->startService(caller);
-  } catch (const abi::__forced_unwind&) {
-    throw;
   } catch (const std::exception& e) {
     logLine(kLogError, "cannot start the media service: %s\n", e.what());
+    return -1;
+  } catch (...) {
+    if (unwindingCancelledThread()) throw;
+    logLine(kLogError, "cannot start the media service\n");
     return -1;
   }
 }
@@ -686,10 +760,12 @@ int ZVRModelAccess::setAccessValue(std::string key, std::vector<std::string> val
           reply >> result;
           return result == 0 ? 0 : -1;
         });
-  } catch (const abi::__forced_unwind&) {
-    throw;
   } catch (const std::exception& e) {
     logLine(kLogError, "SetValue failed: %s\n", e.what());
+    return -1;
+  } catch (...) {
+    if (unwindingCancelledThread()) throw;
+    logLine(kLogError, "SetValue failed\n");
     return -1;
   }
 }
@@ -707,10 +783,12 @@ int ZVRModelAccess::getAccessValue(std::string key, std::vector<std::string>& va
           values = std::move(read);
           return 0;
         });
-  } catch (const abi::__forced_unwind&) {
-    throw;
   } catch (const std::exception& e) {
     logLine(kLogError, "GetValue failed: %s\n", e.what());
+    return -1;
+  } catch (...) {
+    if (unwindingCancelledThread()) throw;
+    logLine(kLogError, "GetValue failed\n");
     return -1;
   }
 }
