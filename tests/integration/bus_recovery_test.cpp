@@ -4,11 +4,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <stdlib.h>
 
 #include <chrono>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
@@ -46,33 +44,16 @@ double secondsSince(Clock::time_point begin) {
   return std::chrono::duration<double>(Clock::now() - begin).count();
 }
 
-// The single-letter state of a process, or 0 when it does not exist.
-char processState(int pid) {
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string text;
-  if (!std::getline(stat, text)) return 0;
-  const std::size_t end = text.rfind(')');
-  return end != std::string::npos && end + 2 < text.size() ? text[end + 2] : 0;
-}
-
-// Stops a process with SIGSTOP for its lifetime, unless continued earlier.
-class StoppedProcess {
+// Continues the emulator on the way out of a test that stopped it.
+class ContinueEmulator {
  public:
-  explicit StoppedProcess(int pid) : pid_(pid) { kill(pid_, SIGSTOP); }
-  ~StoppedProcess() { resume(); }
-  StoppedProcess(const StoppedProcess&) = delete;
-  StoppedProcess& operator=(const StoppedProcess&) = delete;
-
-  bool waitStopped() {
-    return zvr_test::eventually([this] { return processState(pid_) == 'T'; });
-  }
-  void resume() {
-    if (pid_ > 0) kill(pid_, SIGCONT);
-    pid_ = -1;
-  }
+  explicit ContinueEmulator(PrivateBus& bus) : bus_(bus) {}
+  ~ContinueEmulator() { bus_.continueEmulator(); }
+  ContinueEmulator(const ContinueEmulator&) = delete;
+  ContinueEmulator& operator=(const ContinueEmulator&) = delete;
 
  private:
-  int pid_;
+  PrivateBus& bus_;
 };
 
 // With the service stopped, the thread sleeps in the call as soon as it has sent it.
@@ -96,15 +77,11 @@ class BusRecoveryTest : public ::testing::Test {
   // Cancels `call` on a host thread while the emulator is stopped, then lets the emulator go on;
   // returns what the library logged meanwhile.
   std::string cancelWhileServiceStopped(const std::function<void()>& call) {
-    const int pid = bus_->emulatorPid();
-    EXPECT_GT(pid, 0);
-    StoppedProcess stopped(pid);
-    EXPECT_TRUE(stopped.waitStopped());
+    ContinueEmulator continued(*bus_);
+    EXPECT_TRUE(bus_->stopEmulator());
     ::testing::internal::CaptureStderr();
     EXPECT_GT(zvr_test::cancelWhileBlocked(call, atOnce), 0);
-    const std::string log = ::testing::internal::GetCapturedStderr();
-    stopped.resume();
-    return log;
+    return ::testing::internal::GetCapturedStderr();
   }
 
   std::unique_ptr<PrivateBus> bus_;

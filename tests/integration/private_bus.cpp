@@ -40,6 +40,15 @@ std::string replaceAll(std::string text, const std::string& from, const std::str
   return text;
 }
 
+// The single-letter state of a process, or 0 once it no longer exists.
+char processState(int pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  if (!std::getline(stat, text)) return 0;
+  const std::size_t end = text.rfind(')');  // the name in parentheses may hold anything
+  return end != std::string::npos && end + 2 < text.size() ? text[end + 2] : 0;
+}
+
 template <typename Condition>
 bool pollUntil(Condition condition, int timeoutMs) {
   const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
@@ -76,12 +85,6 @@ PrivateBus::PrivateBus(const std::vector<std::string>& emulatorOptions, bool act
 }
 
 PrivateBus::~PrivateBus() {
-  const int emulator = emulatorPid();
-  if (emulator > 0) {
-    kill(emulator, SIGTERM);
-    kill(emulator, SIGCONT);  // a test may have left it stopped
-    waitEmulatorGone(5000);
-  }
   stopDaemon();
   std::error_code ignored;
   std::filesystem::remove_all(dir_, ignored);
@@ -110,8 +113,22 @@ bool PrivateBus::startDaemon() {
       10000);
 }
 
+// The emulator goes first: it ends cleanly on SIGTERM, while losing its bus would abort it.
 void PrivateBus::stopDaemon() {
   const int emulator = emulatorPid();
+  if (emulator > 0) {
+    // A test may have left it stopped. Only a stopped process is continued: a SIGCONT that
+    // reaches a sanitized emulator while LeakSanitizer inspects it at exit can hang it.
+    if (processState(emulator) == 'T') kill(emulator, SIGCONT);
+    kill(emulator, SIGTERM);
+    // Its parent, the daemon, reaps it.
+    pollUntil(
+        [emulator] {
+          const char state = processState(emulator);
+          return state == 0 || state == 'Z';
+        },
+        10000);
+  }
   emulatorProxy_.reset();
   daemonProxy_.reset();
   connection_.reset();
@@ -121,26 +138,22 @@ void PrivateBus::stopDaemon() {
     waitpid(daemonPid_, &status, 0);
     daemonPid_ = -1;
   }
-  if (emulator > 0) {
-    kill(emulator, SIGTERM);
-    kill(emulator, SIGCONT);
-    // Activated by the daemon, so not our child: gone once it no longer exists or is a zombie
-    // waiting for whoever inherited it.
-    pollUntil(
-        [emulator] {
-          std::ifstream stat("/proc/" + std::to_string(emulator) + "/stat");
-          std::string text;
-          if (!std::getline(stat, text)) return true;
-          const std::size_t end = text.rfind(')');
-          return end != std::string::npos && end + 2 < text.size() && text[end + 2] == 'Z';
-        },
-        5000);
-  }
 }
 
 bool PrivateBus::restartDaemon() {
   stopDaemon();
   return startDaemon();
+}
+
+bool PrivateBus::stopEmulator() {
+  const int pid = emulatorPid();
+  if (pid <= 0 || kill(pid, SIGSTOP) != 0) return false;
+  return pollUntil([pid] { return processState(pid) == 'T'; }, 10000);
+}
+
+void PrivateBus::continueEmulator() {
+  const int pid = emulatorPid();
+  if (pid > 0) kill(pid, SIGCONT);
 }
 
 int PrivateBus::emulatorPid() {

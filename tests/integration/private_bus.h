@@ -38,9 +38,12 @@ class PrivateBus {
   // Starts the emulator through activation and waits until it owns its name.
   bool startEmulator();
   bool emulatorRunning();
-  // The process id of the service name's owner, or -1 when it has none. Tests stop and continue
-  // the emulator with it (SIGSTOP, SIGCONT).
+  // The process id of the service name's owner, or -1 when it has none.
   int emulatorPid();
+  // Stops the emulator's process (SIGSTOP) and waits until it is stopped; continues it (SIGCONT).
+  // The bus daemon still answers for it: calls to the emulator wait for their time-out.
+  bool stopEmulator();
+  void continueEmulator();
   // Waits until no process owns the service name.
   bool waitEmulatorGone(int timeoutMs);
 
@@ -50,8 +53,8 @@ class PrivateBus {
   // Waits until the emulator has recorded at least `count` commands.
   bool waitRecorded(std::size_t count, int timeoutMs);
 
-  // Kills the daemon by PID and reaps it, then terminates the emulator it had activated (its pid is
-  // taken before) and waits until that process is gone. The address stays set.
+  // Terminates the emulator, if one runs, and waits until its process is gone; then kills the
+  // daemon by PID and reaps it. The address stays set.
   void stopDaemon();
   // Starts a new daemon on the same address and waits until it accepts connections.
   bool startDaemon();
