@@ -90,6 +90,7 @@ class BusRecoveryTest : public ::testing::Test {
 // --- A host thread cancelled while the service is stopped ----------------------------------------
 
 TEST_F(BusRecoveryTest, CancelledCreationWhileTheServiceIsStoppedLeavesCreationWorking) {
+  ZVR_SKIP_WITHOUT_TRACEABLE_CANCELLATION();
   startHost();
   const std::string log = cancelWhileServiceStopped([this] { facade()->createNewZVRMediaProxy(); });
   EXPECT_THAT(log, HasSubstr(kCancelledCall));
@@ -100,6 +101,7 @@ TEST_F(BusRecoveryTest, CancelledCreationWhileTheServiceIsStoppedLeavesCreationW
 }
 
 TEST_F(BusRecoveryTest, CancelledSynchronousCreationWhileTheServiceIsStoppedLeavesCreationWorking) {
+  ZVR_SKIP_WITHOUT_TRACEABLE_CANCELLATION();
   startHost();
   const std::string log =
       cancelWhileServiceStopped([this] { facade()->createNewZVRMediaProxySync(); });
@@ -111,6 +113,7 @@ TEST_F(BusRecoveryTest, CancelledSynchronousCreationWhileTheServiceIsStoppedLeav
 }
 
 TEST_F(BusRecoveryTest, CancelledSynchronousStopWhileTheServiceIsStoppedLeavesCommandsWorking) {
+  ZVR_SKIP_WITHOUT_TRACEABLE_CANCELLATION();
   startHost();
   std::shared_ptr<ZVRMediaProxyInterface> proxy = facade()->createNewZVRMediaProxySync();
   ASSERT_NE(proxy->id(), "");
@@ -121,6 +124,7 @@ TEST_F(BusRecoveryTest, CancelledSynchronousStopWhileTheServiceIsStoppedLeavesCo
 }
 
 TEST_F(BusRecoveryTest, CancelledLivenessProbeWhileTheServiceIsStoppedLeavesTheProbeWorking) {
+  ZVR_SKIP_WITHOUT_TRACEABLE_CANCELLATION();
   startHost();
   const std::string log = cancelWhileServiceStopped([this] { manager()->checkZVRServiceAlive(); });
   EXPECT_THAT(log, HasSubstr(kCancelledCall));

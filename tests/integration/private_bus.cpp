@@ -96,8 +96,15 @@ bool PrivateBus::startDaemon() {
   const std::string configArgument = "--config-file=" + dir_ + "/bus.conf";
   char* const argv[] = {const_cast<char*>("dbus-daemon"), const_cast<char*>(configArgument.c_str()),
                         const_cast<char*>("--nofork"), nullptr};
+  // The daemon and the emulator it activates inherit standard output and error only: a lock
+  // such as `flock /tmp/zvr_shm.lock ctest` holds would otherwise outlive the test in them.
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
   pid_t pid = -1;
-  if (posix_spawnp(&pid, "dbus-daemon", nullptr, nullptr, argv, environ) != 0) return false;
+  const int spawned = posix_spawnp(&pid, "dbus-daemon", &actions, nullptr, argv, environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (spawned != 0) return false;
   daemonPid_ = pid;
   // The socket file appears at bind(), a moment before the daemon listens.
   return pollUntil(

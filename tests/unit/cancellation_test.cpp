@@ -45,6 +45,7 @@ std::function<bool()> afterTheNextCommand() {
 
 class CancellationTest : public ::testing::Test {
  protected:
+  void SetUp() override { ZVR_SKIP_WITHOUT_TRACEABLE_CANCELLATION(); }
   void TearDown() override { recorder().setHook(nullptr); }
 
   ZVRMediaProxyManagerInterface* facade() { return requestZVRMediaProxy(); }
