@@ -26,7 +26,8 @@
 // the error thrown there ends the process. So cancellation is disabled throughout this library
 // except in the poll() where a call waits for its reply, a frame of ours. A cancellation that acts
 // there leaves the call pending on the command connection, which is dropped on the way out and
-// made anew by the next call.
+// made anew by the next call. A cancellation requested while the thread is anywhere else in here
+// stays pending until its next cancellation point, at the latest once the operation returns.
 //
 // Every operation may be called from any thread, also from inside the client's callbacks on the
 // listener thread, and the client may destroy the ZVRModelAccess from there. Nothing throws out
@@ -241,8 +242,8 @@ struct Core {
   bool call_l(sdbus::IProxy& target, const char* interface, const char* method,
               std::chrono::milliseconds timeout, const NoCancellation& caller, Build&& build,
               Read&& read, CallError* error);
-  // The service's unique name, asked of the bus when not known; empty when it has no owner or
-  // the bus cannot tell, with *error saying why.
+  // The service's unique name as the bus daemon gives it; empty when it has no owner or the
+  // daemon cannot tell, with *error saying why.
   std::string lookUpOwner_l(const NoCancellation& caller, CallError* error);
   // A call to the service's object; retries once when the cached owner has gone.
   template <typename Build, typename Read>
