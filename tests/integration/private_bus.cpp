@@ -127,14 +127,17 @@ void PrivateBus::stopDaemon() {
     // A test may have left it stopped. Only a stopped process is continued: a SIGCONT that
     // reaches a sanitized emulator while LeakSanitizer inspects it at exit can hang it.
     if (processState(emulator) == 'T') kill(emulator, SIGCONT);
+    // Its parent, the daemon, reaps it. An emulator told to stop before its media server got to
+    // listen never ends (cpp-httplib's stop() is lost then), so it is killed after a while.
+    const auto gone = [emulator] {
+      const char state = processState(emulator);
+      return state == 0 || state == 'Z';
+    };
     kill(emulator, SIGTERM);
-    // Its parent, the daemon, reaps it.
-    pollUntil(
-        [emulator] {
-          const char state = processState(emulator);
-          return state == 0 || state == 'Z';
-        },
-        10000);
+    if (!pollUntil(gone, 5000)) {
+      kill(emulator, SIGKILL);
+      pollUntil(gone, 5000);
+    }
   }
   emulatorProxy_.reset();
   daemonProxy_.reset();
