@@ -5,15 +5,14 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <atomic>
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <regex>
 #include <string>
 #include <vector>
 
 #include "private_bus.h"
+#include "recording_client.h"
 #include "test_support.h"
 #include "zvr_media_manager_interface.h"
 #include "zvr_media_proxy_interface.h"
@@ -30,6 +29,7 @@ using velmora::ZVRMediaProxyManager;
 using zvr_test::CallbackRecorder;
 using zvr_test::Notification;
 using zvr_test::PrivateBus;
+using zvr_test::RecordingClient;
 using Clock = std::chrono::steady_clock;
 
 const char kSessionIdPattern[] = "ses-[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{16}";
@@ -262,24 +262,6 @@ TEST_F(BusIntegrationTest, WithoutServiceEveryCallFailsFast) {
   EXPECT_EQ(occurrences(log, "[model-access] no media service on the bus"), 2);
   EXPECT_EQ(occurrences(log, "[model-access] cannot start the media service"), 1);
 }
-
-// A client of the model access alone, recording what the listener hands it.
-class RecordingClient : public velmora::ZVRModelAccessClient {
- public:
-  void onZVRConnected() override { ++connected; }
-  void onZVREvent(std::vector<std::string>& record) override {
-    std::lock_guard<std::mutex> lock(mutex);
-    events.push_back(record);
-  }
-  std::vector<std::vector<std::string>> received() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return events;
-  }
-
-  std::atomic<int> connected{0};
-  std::mutex mutex;
-  std::vector<std::vector<std::string>> events;
-};
 
 TEST_F(BusIntegrationTest, ModelAccessReportsTheServiceAppearing) {
   startBus();

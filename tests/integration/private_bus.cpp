@@ -40,6 +40,15 @@ std::string replaceAll(std::string text, const std::string& from, const std::str
   return text;
 }
 
+// The single-letter state of a process, or 0 once it no longer exists.
+char processState(int pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  if (!std::getline(stat, text)) return 0;
+  const std::size_t end = text.rfind(')');  // the name in parentheses may hold anything
+  return end != std::string::npos && end + 2 < text.size() ? text[end + 2] : 0;
+}
+
 template <typename Condition>
 bool pollUntil(Condition condition, int timeoutMs) {
   const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
@@ -71,36 +80,64 @@ PrivateBus::PrivateBus(const std::vector<std::string>& emulatorOptions, bool act
   for (const std::string& option : emulatorOptions) config << option << "\n";
   config.close();
 
-  const std::string configArgument = "--config-file=" + dir_ + "/bus.conf";
-  char* const argv[] = {const_cast<char*>("dbus-daemon"), const_cast<char*>(configArgument.c_str()),
-                        const_cast<char*>("--nofork"), nullptr};
-  pid_t pid = -1;
-  if (posix_spawnp(&pid, "dbus-daemon", nullptr, nullptr, argv, environ) != 0) {
-    throw std::runtime_error("cannot start dbus-daemon");
-  }
-  daemonPid_ = pid;
-  const std::string socket = dir_ + "/bus.socket";
-  if (!pollUntil([&] { return access(socket.c_str(), F_OK) == 0; }, 10000)) {
-    throw std::runtime_error("dbus-daemon did not come up");
-  }
+  if (!startDaemon()) throw std::runtime_error("dbus-daemon did not come up");
   setenv(zvr_bus::kAddressVariable, address_.c_str(), 1);
-  connection_ = sdbus::createSessionBusConnectionWithAddress(address_);
 }
 
 PrivateBus::~PrivateBus() {
-  try {
-    uint32_t pid = 0;
-    daemon()
-        .callMethod("GetConnectionUnixProcessID")
-        .onInterface("org.freedesktop.DBus")
-        .withArguments(std::string(zvr_bus::kServiceName))
-        .storeResultsTo(pid);
-    if (pid != 0) {
-      kill(static_cast<pid_t>(pid), SIGTERM);
-      waitEmulatorGone(5000);
+  stopDaemon();
+  std::error_code ignored;
+  std::filesystem::remove_all(dir_, ignored);
+}
+
+bool PrivateBus::startDaemon() {
+  const std::string socket = dir_ + "/bus.socket";
+  unlink(socket.c_str());  // left behind by a daemon that was killed
+  const std::string configArgument = "--config-file=" + dir_ + "/bus.conf";
+  char* const argv[] = {const_cast<char*>("dbus-daemon"), const_cast<char*>(configArgument.c_str()),
+                        const_cast<char*>("--nofork"), nullptr};
+  // The daemon and the emulator it activates inherit standard output and error only: a lock
+  // such as `flock /tmp/zvr_shm.lock ctest` holds would otherwise outlive the test in them.
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+  pid_t pid = -1;
+  const int spawned = posix_spawnp(&pid, "dbus-daemon", &actions, nullptr, argv, environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (spawned != 0) return false;
+  daemonPid_ = pid;
+  // The socket file appears at bind(), a moment before the daemon listens.
+  return pollUntil(
+      [&] {
+        if (access(socket.c_str(), F_OK) != 0) return false;
+        try {
+          connection_ = sdbus::createSessionBusConnectionWithAddress(address_);
+        } catch (const sdbus::Error&) {
+          return false;
+        }
+        return true;
+      },
+      10000);
+}
+
+// The emulator goes first: it ends cleanly on SIGTERM, while losing its bus would abort it.
+void PrivateBus::stopDaemon() {
+  const int emulator = emulatorPid();
+  if (emulator > 0) {
+    // A test may have left it stopped. Only a stopped process is continued: a SIGCONT that
+    // reaches a sanitized emulator while LeakSanitizer inspects it at exit can hang it.
+    if (processState(emulator) == 'T') kill(emulator, SIGCONT);
+    // Its parent, the daemon, reaps it. An emulator told to stop before its media server got to
+    // listen never ends (cpp-httplib's stop() is lost then), so it is killed after a while.
+    const auto gone = [emulator] {
+      const char state = processState(emulator);
+      return state == 0 || state == 'Z';
+    };
+    kill(emulator, SIGTERM);
+    if (!pollUntil(gone, 5000)) {
+      kill(emulator, SIGKILL);
+      pollUntil(gone, 5000);
     }
-  } catch (const std::exception&) {
-    // No emulator on the bus.
   }
   emulatorProxy_.reset();
   daemonProxy_.reset();
@@ -109,12 +146,42 @@ PrivateBus::~PrivateBus() {
     kill(daemonPid_, SIGTERM);
     int status = 0;
     waitpid(daemonPid_, &status, 0);
+    daemonPid_ = -1;
   }
-  std::error_code ignored;
-  std::filesystem::remove_all(dir_, ignored);
+}
+
+bool PrivateBus::restartDaemon() {
+  stopDaemon();
+  return startDaemon();
+}
+
+bool PrivateBus::stopEmulator() {
+  const int pid = emulatorPid();
+  if (pid <= 0 || kill(pid, SIGSTOP) != 0) return false;
+  return pollUntil([pid] { return processState(pid) == 'T'; }, 10000);
+}
+
+void PrivateBus::continueEmulator() {
+  const int pid = emulatorPid();
+  if (pid > 0) kill(pid, SIGCONT);
+}
+
+int PrivateBus::emulatorPid() {
+  try {
+    uint32_t pid = 0;
+    daemon()
+        .callMethod("GetConnectionUnixProcessID")
+        .onInterface("org.freedesktop.DBus")
+        .withArguments(std::string(zvr_bus::kServiceName))
+        .storeResultsTo(pid);
+    return pid != 0 ? static_cast<int>(pid) : -1;
+  } catch (const std::exception&) {
+    return -1;  // no emulator on the bus
+  }
 }
 
 sdbus::IProxy& PrivateBus::daemon() {
+  if (!connection_) throw std::logic_error("the bus daemon is stopped");
   if (!daemonProxy_) {
     daemonProxy_ =
         sdbus::createProxy(*connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus");
@@ -124,6 +191,7 @@ sdbus::IProxy& PrivateBus::daemon() {
 }
 
 sdbus::IProxy& PrivateBus::emulator() {
+  if (!connection_) throw std::logic_error("the bus daemon is stopped");
   if (!emulatorProxy_) {
     emulatorProxy_ = sdbus::createProxy(*connection_, zvr_bus::kServiceName, zvr_bus::kObjectPath);
     emulatorProxy_->finishRegistration();

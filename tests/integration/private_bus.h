@@ -4,6 +4,9 @@
 // Construct it before the library's first use: it points ZVR_DBUS_ADDRESS at the private bus.
 // On destruction it stops the emulator (if one was activated) and the daemon, and removes the
 // folder. Waits are bounded polls, never fixed sleeps.
+//
+// The daemon can be stopped and started again on the same address with the same configuration,
+// as a bus restart under a running host; the emulator does not survive it.
 
 #ifndef ZVR_TESTS_INTEGRATION_PRIVATE_BUS_H_
 #define ZVR_TESTS_INTEGRATION_PRIVATE_BUS_H_
@@ -35,6 +38,12 @@ class PrivateBus {
   // Starts the emulator through activation and waits until it owns its name.
   bool startEmulator();
   bool emulatorRunning();
+  // The process id of the service name's owner, or -1 when it has none.
+  int emulatorPid();
+  // Stops the emulator's process (SIGSTOP) and waits until it is stopped; continues it (SIGCONT).
+  // The bus daemon still answers for it: calls to the emulator wait for their time-out.
+  bool stopEmulator();
+  void continueEmulator();
   // Waits until no process owns the service name.
   bool waitEmulatorGone(int timeoutMs);
 
@@ -43,6 +52,14 @@ class PrivateBus {
   std::vector<std::vector<std::string>> recordedCommands();
   // Waits until the emulator has recorded at least `count` commands.
   bool waitRecorded(std::size_t count, int timeoutMs);
+
+  // Terminates the emulator, if one runs, and waits until its process is gone; then kills the
+  // daemon by PID and reaps it. The address stays set.
+  void stopDaemon();
+  // Starts a new daemon on the same address and waits until it accepts connections.
+  bool startDaemon();
+  // stopDaemon(), then startDaemon().
+  bool restartDaemon();
 
   // Runs a command line with ZVR_DBUS_ADDRESS and DBUS_SESSION_BUS_ADDRESS set to this bus;
   // returns its exit status.
@@ -55,6 +72,7 @@ class PrivateBus {
   std::string dir_;
   std::string address_;
   int daemonPid_ = -1;
+  // The connection and both proxies are on the current daemon; stopDaemon() drops them.
   std::unique_ptr<sdbus::IConnection> connection_;
   std::unique_ptr<sdbus::IProxy> daemonProxy_;
   std::unique_ptr<sdbus::IProxy> emulatorProxy_;

@@ -1,6 +1,5 @@
 #include "zvr_diagnostics.h"
 
-#include <cxxabi.h>
 #include <time.h>
 
 #include <condition_variable>
@@ -15,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "zvr_cancellation.h"
 #include "zvr_event_record.h"
 #include "zvr_log.h"
 #include "zvr_media_proxy_object.h"
@@ -218,11 +218,10 @@ void deliverForever() {
       lock.unlock();
       try {
         listener.function(outcome, listener.userData);
-      } catch (const abi::__forced_unwind&) {
-        throw;
       } catch (const std::exception& e) {
         ZVR_LOG(kError, "outcome listener threw: %s\n", e.what());
       } catch (...) {
+        if (unwindingCancelledThread()) throw;
         ZVR_LOG(kError, "outcome listener threw\n");
       }
       updateProcess([](ZVRProcessCounters& c) { ++c.listenerDeliveries; });

@@ -1,12 +1,11 @@
 #include "zvr_media_manager_interface_impl.h"
 
-#include <cxxabi.h>
-
 #include <atomic>
 #include <boost/thread/lock_guard.hpp>
 #include <exception>
 #include <iostream>
 
+#include "zvr_cancellation.h"
 #include "zvr_log.h"
 #include "zvr_media_proxy_manager.h"
 #include "zvr_media_proxy_object.h"
@@ -25,9 +24,8 @@ boost::recursive_mutex gInterfaceLock;
 ZVRMediaProxyManager* managerOrNull() {
   try {
     return ZVRMediaProxyManager::getInstance();
-  } catch (const abi::__forced_unwind&) {
-    throw;  // the calling thread is being cancelled
   } catch (...) {
+    if (unwindingCancelledThread()) throw;
     return nullptr;
   }
 }
@@ -39,22 +37,21 @@ boost::recursive_mutex& interfaceLock() { return gInterfaceLock; }
 // A failure inside the manager's own work (a lock that cannot be taken, memory) is logged and
 // answered with an empty pointer, like a missing manager: nothing throws into the host. Only the
 // unwinding of a cancelled thread passes through, as glibc requires.
-#define ZVR_FORWARD_CREATE(call)                       \
-  ZVR_LOG(kProgress, "called.\n");                     \
-  ZVRMediaProxyManager* manager = managerOrNull();     \
-  if (manager == nullptr) {                            \
-    ZVR_LOG(kError, "manager is NULL.\n");             \
-    return std::shared_ptr<ZVRMediaProxyInterface>();  \
-  }                                                    \
-  try {                                                \
-    return manager->call;                              \
-  } catch (const abi::__forced_unwind&) {              \
-    throw; /* the calling thread is being cancelled */ \
-  } catch (const std::exception& e) {                  \
-    ZVR_LOG(kError, "failed: %s\n", e.what());         \
-  } catch (...) {                                      \
-    ZVR_LOG(kError, "failed.\n");                      \
-  }                                                    \
+#define ZVR_FORWARD_CREATE(call)                      \
+  ZVR_LOG(kProgress, "called.\n");                    \
+  ZVRMediaProxyManager* manager = managerOrNull();    \
+  if (manager == nullptr) {                           \
+    ZVR_LOG(kError, "manager is NULL.\n");            \
+    return std::shared_ptr<ZVRMediaProxyInterface>(); \
+  }                                                   \
+  try {                                               \
+    return manager->call;                             \
+  } catch (const std::exception& e) {                 \
+    ZVR_LOG(kError, "failed: %s\n", e.what());        \
+  } catch (...) {                                     \
+    if (unwindingCancelledThread()) throw;            \
+    ZVR_LOG(kError, "failed.\n");                     \
+  }                                                   \
   return std::shared_ptr<ZVRMediaProxyInterface>()
 
 std::shared_ptr<ZVRMediaProxyInterface>

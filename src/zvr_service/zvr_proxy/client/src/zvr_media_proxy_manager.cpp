@@ -1,6 +1,5 @@
 #include "zvr_media_proxy_manager.h"
 
-#include <cxxabi.h>
 #include <fcntl.h>
 #include <json/json.h>
 #include <sys/mman.h>
@@ -20,6 +19,7 @@
 #include <map>
 #include <utility>
 
+#include "zvr_cancellation.h"
 #include "zvr_diagnostics.h"
 #include "zvr_event_record.h"
 #include "zvr_json_nesting.h"
@@ -251,9 +251,8 @@ void ZVRMediaProxyManager::createModelAccess() {
   std::shared_ptr<ZVRModelAccess> access;
   try {
     access = std::make_shared<ZVRModelAccess>(this);
-  } catch (const abi::__forced_unwind&) {
-    throw;  // the calling thread is being cancelled
   } catch (...) {
+    if (unwindingCancelledThread()) throw;
     // The platform refused the connection. The field stays empty: every request reports
     // "No Access" and tries again through this function.
     return;
@@ -264,12 +263,10 @@ void ZVRMediaProxyManager::createModelAccess() {
   if (!std::atomic_compare_exchange_strong(&modelAccess_, &none, access)) return;
   try {
     access->start();
-  } catch (const abi::__forced_unwind&) {
-    // Cancelled half way: the next caller builds a connection of its own.
-    std::atomic_store(&modelAccess_, std::shared_ptr<ZVRModelAccess>());
-    throw;
   } catch (...) {
+    // Refused, or cancelled half way: the next caller builds a connection of its own.
     std::atomic_store(&modelAccess_, std::shared_ptr<ZVRModelAccess>());
+    if (unwindingCancelledThread()) throw;
     return;
   }
   // The constructor starts the listener of the first connection. A connection made later, after
@@ -277,12 +274,13 @@ void ZVRMediaProxyManager::createModelAccess() {
   if (constructed_.load()) {
     try {
       access->startEventListener();
-    } catch (const abi::__forced_unwind&) {
-      // A connection without a listener would never deliver an event: drop it, so that the
-      // next caller builds one whose listener runs.
-      std::atomic_store(&modelAccess_, std::shared_ptr<ZVRModelAccess>());
-      throw;
     } catch (...) {
+      if (unwindingCancelledThread()) {
+        // A connection without a listener would never deliver an event: drop it, so that the
+        // next caller builds one whose listener runs.
+        std::atomic_store(&modelAccess_, std::shared_ptr<ZVRModelAccess>());
+        throw;
+      }
       // Events then only reach the library through the shared-memory buffer.
     }
   }
