@@ -171,6 +171,11 @@ MediaServer::MediaServer(int port) : http_(std::make_unique<httplib::Server>()) 
   if (bound <= 0) throw std::runtime_error("cannot bind the media server to 127.0.0.1");
   base_ = "http://127.0.0.1:" + std::to_string(bound);
   thread_ = std::thread([this] { http_->listen_after_bind(); });
+  // The server library ignores a stop() that comes before it runs, and would then run forever.
+  const Clock::time_point giveUp = Clock::now() + std::chrono::seconds(10);
+  while (!http_->is_running() && Clock::now() < giveUp) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
 }
 
 MediaServer::~MediaServer() { stop(); }

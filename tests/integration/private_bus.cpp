@@ -88,19 +88,10 @@ PrivateBus::PrivateBus(const std::vector<std::string>& emulatorOptions, bool act
 }
 
 PrivateBus::~PrivateBus() {
-  try {
-    uint32_t pid = 0;
-    daemon()
-        .callMethod("GetConnectionUnixProcessID")
-        .onInterface("org.freedesktop.DBus")
-        .withArguments(std::string(zvr_bus::kServiceName))
-        .storeResultsTo(pid);
-    if (pid != 0) {
-      kill(static_cast<pid_t>(pid), SIGTERM);
-      waitEmulatorGone(5000);
-    }
-  } catch (const std::exception&) {
-    // No emulator on the bus.
+  const int pid = emulatorPid();
+  if (pid > 0) {
+    kill(static_cast<pid_t>(pid), SIGTERM);
+    waitEmulatorGone(5000);
   }
   emulatorProxy_.reset();
   daemonProxy_.reset();
@@ -143,6 +134,20 @@ bool PrivateBus::emulatorRunning() {
     return false;
   }
   return owned;
+}
+
+int PrivateBus::emulatorPid() {
+  uint32_t pid = 0;
+  try {
+    daemon()
+        .callMethod("GetConnectionUnixProcessID")
+        .onInterface("org.freedesktop.DBus")
+        .withArguments(std::string(zvr_bus::kServiceName))
+        .storeResultsTo(pid);
+  } catch (const std::exception&) {
+    return -1;  // no emulator on the bus
+  }
+  return pid != 0 ? static_cast<int>(pid) : -1;
 }
 
 bool PrivateBus::startEmulator() {

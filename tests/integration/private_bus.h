@@ -35,6 +35,8 @@ class PrivateBus {
   // Starts the emulator through activation and waits until it owns its name.
   bool startEmulator();
   bool emulatorRunning();
+  // The process id of the emulator that owns the service name, or -1.
+  int emulatorPid();
   // Waits until no process owns the service name.
   bool waitEmulatorGone(int timeoutMs);
 
