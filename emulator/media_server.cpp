@@ -2,6 +2,7 @@
 
 #include <cxxabi.h>
 #include <httplib.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cctype>
@@ -50,6 +51,13 @@ std::string newToken() {
 }
 
 }  // namespace
+
+// The server library listens with a backlog of 5: players that connect at once overflow it, and
+// the kernel drops their connections, which the clients try again only a second later.
+class MediaServer::Http : public httplib::Server {
+ public:
+  void widenBacklog() { ::listen(svr_sock_, 128); }
+};
 
 // One playback session's media, shared by its responses in progress.
 class MediaServer::Session {
@@ -158,7 +166,7 @@ class MediaServer::Response {
   Clock::time_point started_;
 };
 
-MediaServer::MediaServer(int port) : http_(std::make_unique<httplib::Server>()) {
+MediaServer::MediaServer(int port) : http_(std::make_unique<Http>()) {
   http_->new_task_queue = [] { return new httplib::ThreadPool(kWorkers); };
   http_->set_keep_alive_max_count(1000);
   http_->set_write_timeout(3, 0);
@@ -169,6 +177,7 @@ MediaServer::MediaServer(int port) : http_(std::make_unique<httplib::Server>()) 
   const int bound = port != 0 ? (http_->bind_to_port("127.0.0.1", port) ? port : -1)
                               : http_->bind_to_any_port("127.0.0.1");
   if (bound <= 0) throw std::runtime_error("cannot bind the media server to 127.0.0.1");
+  http_->widenBacklog();
   base_ = "http://127.0.0.1:" + std::to_string(bound);
   thread_ = std::thread([this] { http_->listen_after_bind(); });
   // The server library ignores a stop() that comes before it runs, and would then run forever.

@@ -27,7 +27,6 @@
 #include "media_source.h"
 
 namespace httplib {
-class Server;
 struct Request;
 struct Response;
 }  // namespace httplib
@@ -64,13 +63,14 @@ class MediaServer {
   void stop();
 
  private:
+  class Http;
   class Session;
   class Response;
 
   void handle(const httplib::Request& request, httplib::Response& response);
 
   // Constant after construction.
-  std::unique_ptr<httplib::Server> http_;
+  std::unique_ptr<Http> http_;
   std::string base_;
 
   mutable std::mutex mutex_;

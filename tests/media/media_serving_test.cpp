@@ -8,8 +8,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <mutex>
 #include <random>
 #include <thread>
 #include <vector>
@@ -184,18 +186,24 @@ TEST_F(MediaServingTest, ClosingEndsAResponseInProgress) {
 }
 
 // Each player keeps its connection alive and opens a second one for every seek, as browsers
-// do; a server with too few workers stalls the second connections until a kept-alive one times
-// out (5 s).
+// do. A server with too few workers makes the second connections wait until a kept-alive one
+// is given up, a second or more; every request here takes milliseconds otherwise.
 TEST_F(MediaServingTest, EightKeptAliveClientsSeekWithoutStalling) {
   const std::string clip = readFile(clipPath("clip.mp4"));
   const std::string url = serve(clipPath("clip.mp4"));
   const auto parts = zvr_test::splitURL(url);
-  std::atomic<int> wrong{0};
-  std::atomic<int> failed{0};
+  std::mutex mutex;
+  int wrong = 0;
+  int failed = 0;
+  double slowest = 0;
   const auto check = [&](httplib::Client& client, std::size_t first, std::size_t length) {
     const std::string range =
         "bytes=" + std::to_string(first) + "-" + std::to_string(first + length - 1);
+    const Clock::time_point begin = Clock::now();
     httplib::Result result = client.Get(parts.second.c_str(), {{"Range", range}});
+    const double elapsed = secondsSince(begin);
+    std::lock_guard<std::mutex> lock(mutex);
+    slowest = std::max(slowest, elapsed);
     if (!result) {
       ++failed;
     } else if (result->status != 206 || result->body != clip.substr(first, length)) {
@@ -203,7 +211,6 @@ TEST_F(MediaServingTest, EightKeptAliveClientsSeekWithoutStalling) {
     }
   };
 
-  const Clock::time_point begin = Clock::now();
   std::vector<std::thread> players;
   for (int p = 0; p < 8; ++p) {
     players.emplace_back([&, p] {
@@ -223,9 +230,9 @@ TEST_F(MediaServingTest, EightKeptAliveClientsSeekWithoutStalling) {
     });
   }
   for (std::thread& player : players) player.join();
-  EXPECT_EQ(failed.load(), 0);
-  EXPECT_EQ(wrong.load(), 0);
-  EXPECT_LT(secondsSince(begin), 4.0);
+  EXPECT_EQ(failed, 0);
+  EXPECT_EQ(wrong, 0);
+  EXPECT_LT(slowest, 0.9);
 }
 
 // Faults, as set for the whole emulator.
