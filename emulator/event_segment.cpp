@@ -37,20 +37,21 @@ gid_t groupId(const std::string& name) {
 
 EventSegment::EventSegment(const std::string& group) {
   const gid_t gid = group.empty() ? static_cast<gid_t>(-1) : groupId(group);
-  const int fd = shm_open(kName, O_RDWR | O_CREAT | O_CLOEXEC, kMode);
+  const int fd = shm_open(kName, O_RDWR | O_CREAT, kMode);
   if (fd < 0) throw std::runtime_error("cannot open /ZVR_PROXY");
   const auto fail = [fd](const std::string& what) {
     const std::string reason = what + ": " + std::strerror(errno);
     close(fd);
     throw std::runtime_error(reason);
   };
+  // Sized first: a host that maps a segment shorter than the mapping faults on reading it.
+  if (ftruncate(fd, kSize) != 0) fail("cannot size /ZVR_PROXY");
   // The mode given to shm_open is reduced by the umask and does not apply to a segment that
   // already exists.
   if (fchmod(fd, kMode) != 0) fail("cannot set the mode of /ZVR_PROXY");
   if (!group.empty() && fchown(fd, static_cast<uid_t>(-1), gid) != 0) {
     fail("cannot give /ZVR_PROXY the group " + group);
   }
-  if (ftruncate(fd, kSize) != 0) fail("cannot size /ZVR_PROXY");
   void* address = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   close(fd);
   if (address == MAP_FAILED) throw std::runtime_error("cannot map /ZVR_PROXY");
