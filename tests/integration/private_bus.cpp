@@ -3,12 +3,15 @@
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <sdbus-c++/sdbus-c++.h>
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -38,6 +41,17 @@ std::string replaceAll(std::string text, const std::string& from, const std::str
     at += to.size();
   }
   return text;
+}
+
+bool acceptsConnections(const std::string& path) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return false;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+  const bool accepted = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  close(fd);
+  return accepted;
 }
 
 template <typename Condition>
@@ -79,12 +93,32 @@ PrivateBus::PrivateBus(const std::vector<std::string>& emulatorOptions, bool act
     throw std::runtime_error("cannot start dbus-daemon");
   }
   daemonPid_ = pid;
+  // The socket file appears before the daemon listens on it; a connection refused meanwhile
+  // is no answer to wait for.
   const std::string socket = dir_ + "/bus.socket";
-  if (!pollUntil([&] { return access(socket.c_str(), F_OK) == 0; }, 10000)) {
+  if (!pollUntil([&] { return acceptsConnections(socket); }, 10000)) {
+    stopDaemon();
     throw std::runtime_error("dbus-daemon did not come up");
   }
   setenv(zvr_bus::kAddressVariable, address_.c_str(), 1);
-  connection_ = sdbus::createSessionBusConnectionWithAddress(address_);
+  try {
+    connection_ = sdbus::createSessionBusConnectionWithAddress(address_);
+  } catch (const std::exception&) {
+    stopDaemon();
+    throw;
+  }
+}
+
+// A daemon that outlived a failed construction would hold the test's output open.
+void PrivateBus::stopDaemon() {
+  if (daemonPid_ > 0) {
+    kill(daemonPid_, SIGTERM);
+    int status = 0;
+    waitpid(daemonPid_, &status, 0);
+    daemonPid_ = -1;
+  }
+  std::error_code ignored;
+  std::filesystem::remove_all(dir_, ignored);
 }
 
 PrivateBus::~PrivateBus() {
@@ -96,13 +130,7 @@ PrivateBus::~PrivateBus() {
   emulatorProxy_.reset();
   daemonProxy_.reset();
   connection_.reset();
-  if (daemonPid_ > 0) {
-    kill(daemonPid_, SIGTERM);
-    int status = 0;
-    waitpid(daemonPid_, &status, 0);
-  }
-  std::error_code ignored;
-  std::filesystem::remove_all(dir_, ignored);
+  stopDaemon();
 }
 
 sdbus::IProxy& PrivateBus::daemon() {

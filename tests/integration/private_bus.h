@@ -53,6 +53,7 @@ class PrivateBus {
  private:
   sdbus::IProxy& emulator();
   sdbus::IProxy& daemon();
+  void stopDaemon();
 
   std::string dir_;
   std::string address_;

@@ -101,12 +101,13 @@ class ServiceClient : public velmora::ZVRModelAccessClient {
     Clock::time_point at;
   };
 
-  velmora::ZVRModelAccess access_;
   std::mutex mutex_;
   std::condition_variable arrived_;
   std::vector<Event> events_;
   int sent_ = 0;
   Clock::time_point sentAt_;
+  // Last, so that its listener thread is gone before the events it fills.
+  velmora::ZVRModelAccess access_;
 };
 
 Json::Value parseJson(const std::string& text) {
