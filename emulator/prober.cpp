@@ -91,11 +91,6 @@ std::string jsonString(const std::string& text) {
 
 }  // namespace
 
-// Read by LeakSanitizer when the emulator is built with it: GLib allocates buffers in its library
-// constructors that it never frees, and as GLib is built without frame pointers, such a leak
-// shows no caller beyond g_malloc, which is all that can name it.
-extern "C" const char* __lsan_default_suppressions() { return "leak:libglib-2.0.so\n"; }
-
 std::string definitionLabel(const MediaInfo& info) {
   if (info.width == 0 && info.height == 0) return "audio";
   if (info.height >= 2160) return "UHD";
