@@ -209,12 +209,13 @@ int Emulator::handleSetValue(const std::string& key, const std::vector<std::stri
       Clock::now() +
       std::chrono::milliseconds(delay != settings_.delayMs.end() ? delay->second : 0);
   Answer pending;
+  std::shared_ptr<Playback> started;
   if (word == "create") {
     answer[0] = "created";
     answer[3] = "zvr-" + runToken_ + "-" + std::to_string(++created_);
   } else if (word == "start" || word == "preload") {
     answer[0] = "started";
-    answerStart_l(values, answer, opened, silent, due);
+    started = answerStart_l(values, answer, opened, silent, due);
   } else if (word == "stop") {
     answer[0] = "stopped";
     closePlayback_l(values[3]);
@@ -232,6 +233,11 @@ int Emulator::handleSetValue(const std::string& key, const std::vector<std::stri
     pending.record = std::move(answer);
     queue_l(std::move(pending));
   }
+  // Queued after its "started", which it must not overtake when both are due at once.
+  if (started && started->answered && !settings_.definitions.empty()) {
+    queue_l(definition_l(*started, "200", settings_.definitions, std::string(),
+                         started->definitionDue));
+  }
   if (settings_.exitAfter > 0 && handled_ >= settings_.exitAfter) {
     finished_ = pending_.empty();
   }
@@ -241,15 +247,16 @@ int Emulator::handleSetValue(const std::string& key, const std::vector<std::stri
 
 // A failure code configured with result=start:CODE wins over the source's own; a "started"
 // that is not "200" leaves the object without a local URL.
-void Emulator::answerStart_l(const std::vector<std::string>& command,
-                             std::vector<std::string>& answer, const OpenedSource& opened,
-                             bool silent, Clock::time_point due) {
+std::shared_ptr<Emulator::Playback> Emulator::answerStart_l(const std::vector<std::string>& command,
+                                                            std::vector<std::string>& answer,
+                                                            const OpenedSource& opened, bool silent,
+                                                            Clock::time_point due) {
   const std::string& objectId = command[3];
   closePlayback_l(objectId);
   if (answer[1] == "200") answer[1] = opened.code;
   if (answer[1] != "200" || !opened.source) {
     answer[8] = opened.code != "200" ? opened.detail : std::string();
-    return;
+    return nullptr;
   }
 
   auto playback = std::make_shared<Playback>();
@@ -266,21 +273,11 @@ void Emulator::answerStart_l(const std::vector<std::string>& command,
   if (!settings_.definitions.empty()) {
     // Given definitions stand for the probe's: nothing is probed, seeks are not checked.
     playback->probed = true;
-    if (playback->answered) {
-      Answer definition;
-      definition.due = playback->definitionDue;
-      definition.record.assign(kPositions, std::string());
-      definition.record[0] = "definition";
-      definition.record[1] = "200";
-      definition.record[2] = playback->sessionId;
-      definition.record[3] = objectId;
-      definition.record[7] = settings_.definitions;
-      queue_l(std::move(definition));
-    }
-    return;
+    return playback;
   }
   prober_->probe(opened.source->probeURI(), settings_.probeDelayMs,
                  [this, playback](const MediaInfo& info) { onProbed(playback, info); });
+  return playback;
 }
 
 void Emulator::answerSeek_l(const std::vector<std::string>& command,
@@ -320,19 +317,28 @@ void Emulator::onProbed(const std::shared_ptr<Playback>& playback, const MediaIn
       current->second != playback) {
     return;
   }
+  const Clock::time_point due = std::max(Clock::now(), playback->definitionDue);
+  if (info.ok) {
+    queue_l(definition_l(*playback, "200", definitionsJson(info, playback->container),
+                         std::string(), due));
+  } else {
+    queue_l(definition_l(*playback, "415", std::string(), info.error, due));
+  }
+}
+
+Emulator::Answer Emulator::definition_l(const Playback& playback, const std::string& code,
+                                        const std::string& definitions, const std::string& detail,
+                                        Clock::time_point due) {
   Answer definition;
-  definition.due = std::max(Clock::now(), playback->definitionDue);
+  definition.due = due;
   definition.record.assign(kPositions, std::string());
   definition.record[0] = "definition";
-  definition.record[1] = info.ok ? "200" : "415";
-  definition.record[2] = playback->sessionId;
-  definition.record[3] = playback->objectId;
-  if (info.ok) {
-    definition.record[7] = definitionsJson(info, playback->container);
-  } else {
-    definition.record[8] = info.error;
-  }
-  queue_l(std::move(definition));
+  definition.record[1] = code;
+  definition.record[2] = playback.sessionId;
+  definition.record[3] = playback.objectId;
+  definition.record[7] = definitions;
+  definition.record[8] = detail;
+  return definition;
 }
 
 int Emulator::handleGetValue(const std::string& key, std::vector<std::string>* values) {

@@ -108,12 +108,18 @@ class Emulator {
     Clock::time_point probeDeadline;
   };
 
-  void answerStart_l(const std::vector<std::string>& command, std::vector<std::string>& answer,
-                     const OpenedSource& opened, bool silent, Clock::time_point due);
+  // Opens the object's new playback, or fills in the failure; null when it failed.
+  std::shared_ptr<Playback> answerStart_l(const std::vector<std::string>& command,
+                                          std::vector<std::string>& answer,
+                                          const OpenedSource& opened, bool silent,
+                                          Clock::time_point due);
   void answerSeek_l(const std::vector<std::string>& command, std::vector<std::string>& answer,
                     Answer& pending);
   void closePlayback_l(const std::string& objectId);
   void onProbed(const std::shared_ptr<Playback>& playback, const MediaInfo& info);
+  static Answer definition_l(const Playback& playback, const std::string& code,
+                             const std::string& definitions, const std::string& detail,
+                             Clock::time_point due);
   void queue_l(Answer answer);
   Clock::time_point readyAt_l(const Answer& answer) const;
   void finishSeek_l(Answer& answer) const;
@@ -126,6 +132,7 @@ class Emulator {
   const Emit emit_;
   const std::string runToken_;  // makes object ids unique across emulator runs
 
+  // Guarded by mutex_, as are the playbacks' fields.
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   Settings settings_;
@@ -138,6 +145,7 @@ class Emulator {
   bool stopping_ = false;
   bool finished_ = false;
 
+  // Constant after construction until the destructor ends it.
   std::unique_ptr<Prober> prober_;
   std::thread answers_;
 };

@@ -94,10 +94,10 @@ class MediaServer::Session {
 
 // The body of one response: read from the source into one buffer, written to the client, paced
 // and cut as the faults say. Used by the worker thread that writes the response.
-class MediaServer::Response {
+class MediaServer::BodyWriter {
  public:
-  Response(std::shared_ptr<const Session> session, std::unique_ptr<BodyReader> body,
-           const ServingFaults& faults)
+  BodyWriter(std::shared_ptr<const Session> session, std::unique_ptr<BodyReader> body,
+             const ServingFaults& faults)
       : session_(std::move(session)),
         body_(std::move(body)),
         faults_(faults),
@@ -169,6 +169,8 @@ class MediaServer::Response {
 MediaServer::MediaServer(int port) : http_(std::make_unique<Http>()) {
   http_->new_task_queue = [] { return new httplib::ThreadPool(kWorkers); };
   http_->set_keep_alive_max_count(1000);
+  // An idle kept-alive connection holds its worker until this runs out, stop() included.
+  http_->set_keep_alive_timeout(2);
   http_->set_write_timeout(3, 0);
   http_->Get(R"(/media/.+/[0-9a-f]{16})",
              [this](const httplib::Request& request, httplib::Response& response) {
@@ -274,8 +276,8 @@ void MediaServer::handle(const httplib::Request& request, httplib::Response& res
     return;
   }
   // A HEAD answer gets a provider without a body: it only carries the length into the headers.
-  std::shared_ptr<Response> body =
-      withBody ? std::make_shared<Response>(session, std::move(reply.body), faults) : nullptr;
+  std::shared_ptr<BodyWriter> body =
+      withBody ? std::make_shared<BodyWriter>(session, std::move(reply.body), faults) : nullptr;
   if (reply.length > 0) {
     response.set_content_provider(
         static_cast<std::size_t>(reply.length), type,

@@ -65,7 +65,7 @@ class MediaServer {
  private:
   class Http;
   class Session;
-  class Response;
+  class BodyWriter;
 
   void handle(const httplib::Request& request, httplib::Response& response);
 

@@ -123,6 +123,10 @@ Prober::Prober() {
   thread_ = std::thread([this] { run(); });
 }
 
+// The discoverer cannot be stopped while it discovers: it holds its lock while it takes the
+// pipeline down, and the pipeline's pad-removed handler takes the same lock. So the loop ends
+// at once when no discovery runs, and otherwise when the running one ends, which its time-out
+// bounds.
 Prober::~Prober() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -131,11 +135,12 @@ Prober::~Prober() {
     if (loop_ != nullptr) {
       g_main_context_invoke(
           loop_->context,
-          [](gpointer mainLoop) -> gboolean {
-            g_main_loop_quit(static_cast<GMainLoop*>(mainLoop));
+          [](gpointer self) -> gboolean {
+            Prober* prober = static_cast<Prober*>(self);
+            if (!prober->discovering_) g_main_loop_quit(prober->loop_->mainLoop);
             return G_SOURCE_REMOVE;
           },
-          loop_->mainLoop);
+          this);
     }
   }
   thread_.join();
@@ -223,8 +228,9 @@ void Prober::startNext() {
   const auto discover = [](gpointer self) -> gboolean {
     Prober* prober = static_cast<Prober*>(self);
     GstDiscoverer* discoverer = prober->loop_->discoverer;
-    if (discoverer == nullptr ||
-        !gst_discoverer_discover_uri_async(discoverer, prober->current_.uri.c_str())) {
+    prober->discovering_ = discoverer != nullptr && gst_discoverer_discover_uri_async(
+                                                        discoverer, prober->current_.uri.c_str());
+    if (!prober->discovering_) {
       MediaInfo failed;
       failed.error = "the media cannot be probed";
       prober->finish(failed);
@@ -242,6 +248,7 @@ void Prober::startNext() {
 }
 
 void Prober::finish(const MediaInfo& info) {
+  discovering_ = false;
   Done done = std::move(current_.done);
   bool stopping = false;
   {
@@ -249,7 +256,11 @@ void Prober::finish(const MediaInfo& info) {
     busy_ = false;
     stopping = stopping_;
   }
-  if (done && !stopping) done(info);
+  if (stopping) {
+    g_main_loop_quit(loop_->mainLoop);
+    return;
+  }
+  if (done) done(info);
   startNext();
 }
 

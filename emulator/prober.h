@@ -5,8 +5,8 @@
 // one at a time in the order they were asked for, and each one's result goes to its callback on
 // that thread. GStreamer is initialised once per process, by the first Prober, on that thread;
 // the thread also loads the plugins that probing needs, so that the first probe does not pay
-// for it. Destroying the Prober cancels the probe in progress and drops the waiting ones
-// without calling their callbacks.
+// for it. Destroying the Prober drops the waiting probes without calling their callbacks and
+// waits for the one in progress, which the discoverer's time-out (5 s) bounds.
 
 #ifndef ZVR_EMULATOR_PROBER_H_
 #define ZVR_EMULATOR_PROBER_H_
@@ -74,7 +74,10 @@ class Prober {
   bool busy_ = false;
   bool stopping_ = false;
   Loop* loop_ = nullptr;  // set while the main loop runs
-  Job current_;           // the running job; touched only by the prober's thread
+
+  // Touched only by the prober's thread.
+  Job current_;               // the running job
+  bool discovering_ = false;  // the discoverer works on current_
 
   std::thread thread_;
 };

@@ -54,6 +54,15 @@ bool acceptsConnections(const std::string& path) {
   return accepted;
 }
 
+// Gone, or a zombie that its parent, the daemon, has yet to reap.
+bool processGone(int pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  if (!std::getline(stat, line)) return true;
+  const std::size_t end = line.rfind(')');
+  return end == std::string::npos || line.compare(end + 1, 3, " Z ") == 0;
+}
+
 template <typename Condition>
 bool pollUntil(Condition condition, int timeoutMs) {
   const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
@@ -122,10 +131,15 @@ void PrivateBus::stopDaemon() {
 }
 
 PrivateBus::~PrivateBus() {
+  // The emulator gives up its name before it has finished; its process is what is waited for.
+  // One that does not end in time is killed: left behind, it would hold the test's output open.
   const int pid = emulatorPid();
   if (pid > 0) {
     kill(static_cast<pid_t>(pid), SIGTERM);
-    waitEmulatorGone(5000);
+    if (!pollUntil([pid] { return processGone(pid); }, 5000)) {
+      kill(static_cast<pid_t>(pid), SIGKILL);
+      pollUntil([pid] { return processGone(pid); }, 2000);
+    }
   }
   emulatorProxy_.reset();
   daemonProxy_.reset();

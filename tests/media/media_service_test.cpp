@@ -255,11 +255,13 @@ TEST_F(MediaServiceTest, PreloadIsProbedAndGivenDefinitionsToo) {
   EXPECT_EQ(parseJson(definition[7])["label"].asString(), "audio");
 }
 
-TEST_F(MediaServiceTest, GivenDefinitionsReplaceTheProbedOnes) {
+TEST_F(MediaServiceTest, GivenDefinitionsReplaceTheProbedOnesAndFollowStarted) {
   startService({"definitions=SD,HD", "definition-delay=0"});
-  std::string session;
-  start("zvr-d", "file://" + clipPath("clip.webm"), &session);
-  EXPECT_EQ(client_.await("definition", session)[7], "SD,HD");
+  const std::string session = client_.send("start", "zvr-d", "", "file://" + clipPath("clip.webm"));
+  Clock::time_point started, defined;
+  ASSERT_EQ(client_.await("started", session, &started).size(), 11u);
+  EXPECT_EQ(client_.await("definition", session, &defined)[7], "SD,HD");
+  EXPECT_LE(started, defined);
 }
 
 TEST_F(MediaServiceTest, SeekIsCheckedAgainstTheProbedDuration) {

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <random>
@@ -169,17 +168,16 @@ TEST_F(MediaServingTest, ClosingEndsAResponseInProgress) {
   slow.throttleBytesPerSecond = 100 * 1000;  // the 736 kB clip would take over 7 s
   setFaults(slow);
   const std::string url = serve(clipPath("clip.mp4"));
-  std::atomic<bool> receiving{false};
-  std::thread closer([&] {
-    while (!receiving) std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    server_.close(url);
-  });
   const Clock::time_point begin = Clock::now();
+  bool closed = false;
   const HttpAnswer answer = request(url, "GET", {}, [&](std::size_t received) {
-    if (received >= 10000) receiving = true;
+    if (received >= 10000 && !closed) {
+      server_.close(url);  // while the response is in progress
+      closed = true;
+    }
     return true;
   });
-  closer.join();
+  EXPECT_TRUE(closed);
   EXPECT_FALSE(answer.complete);
   EXPECT_LT(answer.body.size(), 200000u);
   EXPECT_LT(secondsSince(begin), 3.0);
@@ -373,16 +371,15 @@ TEST_F(UpstreamTest, ClosingEndsAnUpstreamResponseInProgress) {
   slow.throttleBytesPerSecond = 20 * 1000;
   setFaults(slow);
   const std::string url = serve(upstreamURL("/ranged.webm"));
-  std::atomic<bool> receiving{false};
-  std::thread closer([&] {
-    while (!receiving) std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    server_.close(url);
-  });
-  const HttpAnswer answer = request(url, "GET", {}, [&](std::size_t received) {
-    receiving = received > 0;
+  bool closed = false;
+  const HttpAnswer answer = request(url, "GET", {}, [&](std::size_t /*received*/) {
+    if (!closed) {
+      server_.close(url);  // while the response is in progress
+      closed = true;
+    }
     return true;
   });
-  closer.join();
+  EXPECT_TRUE(closed);
   EXPECT_FALSE(answer.complete);
   EXPECT_LT(answer.body.size(), clip_.size());
 }
