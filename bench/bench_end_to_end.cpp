@@ -485,8 +485,9 @@ int main(int argc, char** argv) {
     zvr_bench::SegmentLock lock;
     shm_unlink("/ZVR_PROXY");
     {
-      // The "definition" event would follow each start 400 ms later, into the next samples.
-      zvr_test::PrivateBus bus({"definition-delay=3600000"});
+      // The "definition" event would follow each start 400 ms later, into the next samples;
+      // given definitions also keep the emulator from probing every start's media meanwhile.
+      zvr_test::PrivateBus bus({"definition-delay=3600000", "definitions=bench"});
       if (!bus.startEmulator()) throw std::runtime_error("the emulator did not start");
       RawClient raw(bus.address());
       run.bus = &bus;

@@ -2,7 +2,8 @@
 //
 // Owns the service name on the bus, creates "/ZVR_PROXY", answers the client library's command
 // messages with events (written into the segment, then emitted as the Event signal), serves the
-// local URLs it hands out over HTTP on 127.0.0.1, and misbehaves on request.
+// media of each start at a local URL over HTTP on 127.0.0.1, probes it with GStreamer for its
+// definitions, and misbehaves on request.
 //
 //   zvr_emulator [--config FILE] [--bus ADDRESS] [--OPTION=VALUE ...]
 //
@@ -18,20 +19,25 @@
 //   refuse-start=1         exit at once with status 3, before taking the bus name
 //   segment=normal|malformed|no-terminator   what is written into /ZVR_PROXY
 //   remove-segment         (run time only) remove the name /ZVR_PROXY now
-//   definitions=TEXT       the definitions of the "definition" event (default SD,HD,FHD)
-//   definition-delay=MS    delay of "definition" after "started" (default 400)
+//   segment-group=NAME     (start only) give /ZVR_PROXY the group NAME, shared with the host
+//   definitions=TEXT       the text of every "definition" event instead of the probed one;
+//                          nothing is probed and seeks are not checked ("definitions=": probe)
+//   definition-delay=MS    least delay of "definition" after "started" (default 400)
+//   probe-delay=MS         probing starts MS later
+//   throttle=N             local URLs send at most N bytes/s per response (0: off)
+//   cut-after=N            local URLs close the connection after N bytes of a body (0: off)
+//   no-range=1             local URLs ignore ranges: 200, whole body, "Accept-Ranges: none"
+//   first-byte-delay=MS    local URLs answer MS late
 //   http-port=N            port of the media server (default: any free port)
 //   record=FILE            append every command message to FILE as a JSON array per line
 
 #include <signal.h>
 #include <unistd.h>
 
-#include <httplib.h>
 #include <sdbus-c++/sdbus-c++.h>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -40,12 +46,14 @@
 
 #include "emulator.h"
 #include "event_segment.h"
+#include "media_server.h"
 #include "zvr_bus_protocol.h"
 
 namespace {
 
 using zvr_emulator::Emulator;
 using zvr_emulator::EventSegment;
+using zvr_emulator::MediaServer;
 using zvr_emulator::Settings;
 
 bool readConfig(const std::string& path, Settings& settings) {
@@ -108,11 +116,6 @@ std::unique_ptr<sdbus::IConnection> connect(const std::string& bus) {
   return sdbus::createSessionBusConnectionWithAddress(address);
 }
 
-std::string readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -134,19 +137,21 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
   try {
-    EventSegment segment;
+    EventSegment segment(settings.segmentGroup);
+    MediaServer media(settings.httpPort);
     std::unique_ptr<sdbus::IConnection> connection = connect(bus);
     std::unique_ptr<sdbus::IObject> object = sdbus::createObject(*connection, zvr_bus::kObjectPath);
     sdbus::IObject& exported = *object;
-    Emulator emulator(settings, segment, [&exported](const std::vector<std::string>& record) {
-      try {
-        exported.emitSignal(zvr_bus::kEventSignal)
-            .onInterface(zvr_bus::kInterface)
-            .withArguments(record);
-      } catch (const sdbus::Error& e) {
-        std::fprintf(stderr, "zvr_emulator: cannot emit: %s\n", e.getMessage().c_str());
-      }
-    });
+    Emulator emulator(
+        settings, segment, media, [&exported](const std::vector<std::string>& record) {
+          try {
+            exported.emitSignal(zvr_bus::kEventSignal)
+                .onInterface(zvr_bus::kInterface)
+                .withArguments(record);
+          } catch (const sdbus::Error& e) {
+            std::fprintf(stderr, "zvr_emulator: cannot emit: %s\n", e.getMessage().c_str());
+          }
+        });
 
     object->registerMethod("SetValue")
         .onInterface(zvr_bus::kInterface)
@@ -185,33 +190,10 @@ int main(int argc, char** argv) {
         .implementedAs([&emulator]() { emulator.clearRecordedCommands(); });
     object->finishRegistration();
 
-    httplib::Server http;
-    http.Get(R"(/media/([^/]+))",
-             [&emulator](const httplib::Request& request, httplib::Response& response) {
-               const std::string path = emulator.sourceOf(request.matches[1]);
-               std::ifstream probe(path, std::ios::binary);
-               if (path.empty() || !probe) {
-                 response.status = 404;
-                 response.set_content("no local source for this object\n", "text/plain");
-                 return;
-               }
-               response.set_content(readFile(path), "application/octet-stream");
-             });
-    const int port =
-        settings.httpPort != 0
-            ? (http.bind_to_port("127.0.0.1", settings.httpPort) ? settings.httpPort : -1)
-            : http.bind_to_any_port("127.0.0.1");
-    if (port <= 0) {
-      std::fprintf(stderr, "zvr_emulator: cannot bind the media server\n");
-      return 4;
-    }
-    emulator.setMediaBase("http://127.0.0.1:" + std::to_string(port));
-    std::thread server([&http] { http.listen_after_bind(); });
-
     connection->requestName(zvr_bus::kServiceName);
     connection->enterEventLoopAsync();
-    std::fprintf(stderr, "zvr_emulator: serving on the bus as %s, media at 127.0.0.1:%d\n",
-                 zvr_bus::kServiceName, port);
+    std::fprintf(stderr, "zvr_emulator: serving on the bus as %s, media at %s\n",
+                 zvr_bus::kServiceName, media.base().c_str());
 
     std::thread finisher([&emulator] {
       emulator.waitFinished();
@@ -225,8 +207,7 @@ int main(int argc, char** argv) {
       connection->releaseName(zvr_bus::kServiceName);
     } catch (const sdbus::Error&) {
     }
-    http.stop();
-    server.join();
+    media.stop();
     emulator.shutdown();
     finisher.join();
   } catch (const std::exception& e) {

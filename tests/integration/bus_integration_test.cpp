@@ -1,13 +1,21 @@
 // The library over the real D-Bus model access, against the media-service emulator on a private
 // bus. Each test runs in a process of its own with a bus of its own.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <regex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,6 +42,11 @@ using Clock = std::chrono::steady_clock;
 
 const char kSessionIdPattern[] = "ses-[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{16}";
 const char kTimestampPattern[] = "[0-9]+\\.[0-9]{6}";
+// Object ids carry a token of the emulator run that handed them out.
+const char kFirstObjectIdPattern[] = "zvr-[0-9a-f]{8}-1";
+// The emulator plays real media only; these are generated at build time.
+const std::string kClipA = "file://" ZVR_TEST_MEDIA_DIR "/clip.ts";
+const std::string kClipB = "file://" ZVR_TEST_MEDIA_DIR "/clip.webm";
 
 double secondsSince(Clock::time_point begin) {
   return std::chrono::duration<double>(Clock::now() - begin).count();
@@ -81,14 +94,15 @@ TEST_F(BusIntegrationTest, AsynchronousCommandsReachTheEmulatorAsExactMessages) 
   ASSERT_TRUE(bus_->startEmulator());
   manager()->setZVRCallback(&CallbackRecorder::callback);
   std::shared_ptr<velmora::ZVRMediaProxyInterface> proxy = manager()->createNewZVRMediaProxy();
-  ASSERT_EQ(proxy->id(), "zvr-1");
+  const std::string id = proxy->id();
+  ASSERT_THAT(id, MatchesRegex(kFirstObjectIdPattern));
 
-  proxy->start("file:///media/a.ts", 1);
+  proxy->start(kClipA, 1);
   ASSERT_TRUE(CallbackRecorder::waitCalls(1, std::chrono::seconds(5)));
   ASSERT_TRUE(zvr_test::eventually([&] { return proxy->getState() == 2; }));
   proxy->seek(3.5, "chapter");
   proxy->pause();
-  proxy->preload(1.25, "file:///media/b.ts", "two", "three");
+  proxy->preload(1.25, kClipB, "two", "three");
   proxy->stop();
   manager()->requestRemoteObjectInspect();
 
@@ -96,20 +110,16 @@ TEST_F(BusIntegrationTest, AsynchronousCommandsReachTheEmulatorAsExactMessages) 
   const std::vector<std::vector<std::string>> recorded = bus_->recordedCommands();
   ASSERT_EQ(recorded.size(), 6u);
   expectCommand(recorded[0], {"create", "", "", "", "", "", "", "", "", "", ""}, false);
-  expectCommand(recorded[1],
-                {"start", "", "", "zvr-1", "", "", "file:///media/a.ts", "", "", "1", ""}, true);
-  expectCommand(recorded[2], {"seek", "", "", "zvr-1", "", "3.500000", "chapter", "", "", "", ""},
-                true);
-  expectCommand(
-      recorded[3],
-      {"preload", "", "", "zvr-1", "", "1.250000", "file:///media/b.ts", "two", "three", "", ""},
-      true);
-  expectCommand(recorded[4], {"stop", "", "", "zvr-1", "", "", "", "", "", "", ""}, true);
+  expectCommand(recorded[1], {"start", "", "", id, "", "", kClipA, "", "", "1", ""}, true);
+  expectCommand(recorded[2], {"seek", "", "", id, "", "3.500000", "chapter", "", "", "", ""}, true);
+  expectCommand(recorded[3],
+                {"preload", "", "", id, "", "1.250000", kClipB, "two", "three", "", ""}, true);
+  expectCommand(recorded[4], {"stop", "", "", id, "", "", "", "", "", "", ""}, true);
   expectCommand(recorded[5], {"inspect", "", "", "", "", "", "", "", "", "", ""}, false);
-  EXPECT_EQ(CallbackRecorder::calls()[0].id, "zvr-1");
+  EXPECT_EQ(CallbackRecorder::calls()[0].id, id);
   EXPECT_EQ(CallbackRecorder::calls()[0].kind, "url");
   EXPECT_THAT(CallbackRecorder::calls()[0].value,
-              MatchesRegex("http://127\\.0\\.0\\.1:[0-9]+/media/zvr-1"));
+              MatchesRegex("http://127\\.0\\.0\\.1:[0-9]+/media/" + id + "/[0-9a-f]{16}"));
 }
 
 TEST_F(BusIntegrationTest, SynchronousCommandsReturnOnceTheirAnswersArrived) {
@@ -117,12 +127,12 @@ TEST_F(BusIntegrationTest, SynchronousCommandsReturnOnceTheirAnswersArrived) {
   ASSERT_TRUE(bus_->startEmulator());
   std::shared_ptr<velmora::ZVRMediaProxyObject> proxy = manager()->createNewZVRMediaProxySync();
   const std::string id = proxy->id();
-  EXPECT_THAT(id, MatchesRegex("zvr-[12]"));
+  EXPECT_THAT(id, MatchesRegex("zvr-[0-9a-f]{8}-[12]"));
 
-  EXPECT_EQ(manager()->requestRemoteObjectStartSync(id, "file:///media/a.ts", 2), 0);
+  EXPECT_EQ(manager()->requestRemoteObjectStartSync(id, kClipA, 2), 0);
   EXPECT_EQ(proxy->getState(), 2);  // the answer was dispatched before the request returned
   EXPECT_EQ(manager()->requestRemoteObjectSeekSync(id, 0.5, "t"), 0);
-  EXPECT_EQ(manager()->requestRemoteObjectPreloadSync(id, 2.0, "file:///media/b.ts", "x", "y"), 0);
+  EXPECT_EQ(manager()->requestRemoteObjectPreloadSync(id, 2.0, kClipB, "x", "y"), 0);
   EXPECT_EQ(manager()->requestRemoteObjectStopSync(id), 0);
   EXPECT_EQ(manager()->requestRemoteObjectInspectSync(), 0);
   EXPECT_EQ(manager()->requestRemoteObjectPauseSync(id), 0);
@@ -132,11 +142,9 @@ TEST_F(BusIntegrationTest, SynchronousCommandsReturnOnceTheirAnswersArrived) {
   expectCommand(recorded[0], {"create", "", "", "", "", "", "", "", "", "", ""}, false);
   expectCommand(recorded[1], {"create", "", "", "", "", "", "", "", "", "", ""}, false);
   EXPECT_EQ(recorded[0][2], recorded[1][2]);  // the second create repeats the session id
-  expectCommand(recorded[2], {"start", "", "", id, "", "", "file:///media/a.ts", "", "", "2", ""},
-                true);
+  expectCommand(recorded[2], {"start", "", "", id, "", "", kClipA, "", "", "2", ""}, true);
   expectCommand(recorded[3], {"seek", "", "", id, "", "0.500000", "t", "", "", "", ""}, true);
-  expectCommand(recorded[4],
-                {"preload", "", "", id, "", "2.000000", "file:///media/b.ts", "x", "y", "", ""},
+  expectCommand(recorded[4], {"preload", "", "", id, "", "2.000000", kClipB, "x", "y", "", ""},
                 true);
   expectCommand(recorded[5], {"stop", "", "", id, "", "", "", "", "", "", ""}, true);
   expectCommand(recorded[6], {"inspect", "", "", "", "", "", "", "", "", "", ""}, false);
@@ -147,7 +155,7 @@ TEST_F(BusIntegrationTest, SynchronousStartThroughTheProxyMovesItToStartedBefore
   ASSERT_TRUE(bus_->startEmulator());
   manager()->setZVRCallback(&CallbackRecorder::callback);
   std::shared_ptr<velmora::ZVRMediaProxyInterface> proxy = manager()->createNewZVRMediaProxySync();
-  proxy->start("file:///media/a.ts", 1);
+  proxy->start(kClipA, 1);
   EXPECT_EQ(proxy->getState(), 2);
   EXPECT_THAT(proxy->localURL(), HasSubstr("/media/" + proxy->id()));
 }
@@ -179,14 +187,16 @@ TEST_F(BusIntegrationTest, NextCreationRestartsAnEmulatorThatExitedMidSession) {
   startBus({"exit-after=2"});
   ASSERT_TRUE(bus_->startEmulator());
   std::shared_ptr<velmora::ZVRMediaProxyObject> first = manager()->createNewZVRMediaProxy();
-  EXPECT_EQ(first->id(), "zvr-1");
+  EXPECT_THAT(first->id(), MatchesRegex(kFirstObjectIdPattern));
   first->stop();
   ASSERT_TRUE(bus_->waitEmulatorGone(5000));
 
   ::testing::internal::CaptureStderr();
   std::shared_ptr<velmora::ZVRMediaProxyObject> second = manager()->createNewZVRMediaProxy();
   const std::string log = ::testing::internal::GetCapturedStderr();
-  EXPECT_EQ(second->id(), "zvr-1");  // numbered by the new emulator
+  // Numbered by the new emulator, under a token of its own.
+  EXPECT_THAT(second->id(), MatchesRegex(kFirstObjectIdPattern));
+  EXPECT_NE(second->id(), first->id());
   EXPECT_EQ(occurrences(log, "[model-access] service start: started"), 1);
   EXPECT_EQ(occurrences(log, "Wait response total timeout"), 0);
 }
@@ -199,7 +209,7 @@ void BusIntegrationTest::expectSyncCreationSurvivesSegment(const std::string& se
   ::testing::internal::CaptureStderr();
   std::shared_ptr<velmora::ZVRMediaProxyObject> proxy = manager()->createNewZVRMediaProxySync();
   const std::string log = ::testing::internal::GetCapturedStderr();
-  EXPECT_THAT(proxy->id(), MatchesRegex("zvr-[0-9]+"));
+  EXPECT_THAT(proxy->id(), MatchesRegex("zvr-[0-9a-f]{8}-[0-9]+"));
   EXPECT_GE(occurrences(log, "Fail to parse json string:"), 1);
   EXPECT_GE(occurrences(log, "Task timeout: 250/250"), 2);
   EXPECT_EQ(occurrences(log, "Wait response timeout for id:"), 1);
@@ -221,7 +231,7 @@ TEST_F(BusIntegrationTest, AnswerSlowerThanTheWaitReturnsMinusOneAndStillReaches
   const std::string id = proxy->id();
 
   const Clock::time_point begin = Clock::now();
-  proxy->start("file:///media/a.ts", 1);  // sync mode: waits 250 ms in vain
+  proxy->start(kClipA, 1);  // sync mode: waits 250 ms in vain
   EXPECT_GT(secondsSince(begin), 0.2);
   EXPECT_EQ(proxy->getState(), 1);
   ASSERT_TRUE(CallbackRecorder::waitCalls(1, std::chrono::seconds(5)));
@@ -235,7 +245,7 @@ TEST_F(BusIntegrationTest, EventEmittedByAStockToolReachesTheApplicationCallback
   startBus({}, false);
   manager()->setZVRCallback(&CallbackRecorder::callback);
   std::shared_ptr<velmora::ZVRMediaProxyObject> proxy = manager()->createNewZVRMediaProxy("abc");
-  proxy->start("file:///media/a.ts", 1);  // no service: the command fails fast
+  proxy->start(kClipA, 1);  // no service: the command fails fast
   ASSERT_EQ(proxy->getState(), 1);
 
   ASSERT_EQ(bus_->run("dbus-send --bus=\"$ZVR_DBUS_ADDRESS\" --type=signal "
@@ -253,7 +263,7 @@ TEST_F(BusIntegrationTest, WithoutServiceEveryCallFailsFast) {
   ::testing::internal::CaptureStderr();
   std::shared_ptr<velmora::ZVRMediaProxyObject> proxy = manager()->createNewZVRMediaProxy("abc");
   const Clock::time_point begin = Clock::now();
-  proxy->start("file:///media/a.ts", 1);
+  proxy->start(kClipA, 1);
   proxy->stop();
   EXPECT_EQ(manager()->requestStartZVRService(), -1);
   const double elapsed = secondsSince(begin);
@@ -333,11 +343,11 @@ TEST_F(BusIntegrationTest, EmulatorAnswersWithTheResultCodeItWasGiven) {
 }
 
 TEST_F(BusIntegrationTest, EmulatorAnsweringTwiceDeliversEveryAnswerTwice) {
-  startBus({"twice=1", "definition-delay=50"});
+  startBus({"twice=1", "definition-delay=50", "definitions=SD,HD,FHD"});
   ASSERT_TRUE(bus_->startEmulator());
   manager()->setZVRCallback(&CallbackRecorder::callback);
   std::shared_ptr<velmora::ZVRMediaProxyObject> proxy = manager()->createNewZVRMediaProxy("abc");
-  proxy->start("file:///media/a.ts", 1);
+  proxy->start(kClipA, 1);
   // Two "started": the first notifies the URL, the second finds the proxy started and stores it
   // silently. Two "definition": each is notified.
   ASSERT_TRUE(CallbackRecorder::waitCalls(3, std::chrono::seconds(5)));
@@ -377,6 +387,81 @@ TEST_F(BusIntegrationTest, EmulatorRejectsAnUnknownOption) {
   ASSERT_TRUE(bus_->startEmulator());
   EXPECT_FALSE(bus_->setOption("no-such-option=1"));
   EXPECT_FALSE(bus_->setOption("delay=start:soon"));
+}
+
+TEST_F(BusIntegrationTest, EmulatorRunsNeverHandOutTheSameId) {
+  startBus({"exit-after=1"});
+  std::set<std::string> ids;
+  for (int run = 0; run < 3; ++run) {
+    ASSERT_TRUE(bus_->startEmulator());
+    const std::string id = manager()->createNewZVRMediaProxy()->id();
+    EXPECT_THAT(id, MatchesRegex(kFirstObjectIdPattern));
+    ids.insert(id);
+    ASSERT_TRUE(bus_->waitEmulatorGone(5000));
+  }
+  EXPECT_EQ(ids.size(), 3u);
+}
+
+// The mode and group of "/ZVR_PROXY" as the emulator left them.
+struct stat segmentStatus() {
+  struct stat status {};
+  const int fd = shm_open("/ZVR_PROXY", O_RDONLY, 0);
+  if (fd >= 0) {
+    fstat(fd, &status);
+    close(fd);
+  }
+  return status;
+}
+
+TEST_F(BusIntegrationTest, EmulatorCreatesTheSegmentWithMode0660WhateverTheUmask) {
+  const mode_t previous = umask(0);
+  startBus();
+  const bool started = bus_->startEmulator();
+  umask(previous);
+  ASSERT_TRUE(started);
+  EXPECT_EQ(segmentStatus().st_mode & 07777, 0660u);
+}
+
+TEST_F(BusIntegrationTest, EmulatorFixesTheModeOfAWorldWritableSegmentItReuses) {
+  const int fd = shm_open("/ZVR_PROXY", O_RDWR | O_CREAT, 0666);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(fchmod(fd, 0666), 0);
+  close(fd);
+  startBus();
+  ASSERT_TRUE(bus_->startEmulator());
+  EXPECT_EQ(segmentStatus().st_mode & 07777, 0660u);
+  ASSERT_EQ(manager()->checkZVREventMemory(), 0);  // still the one segment the host maps
+}
+
+// A group the segment can be given that differs from the emulator's own when there is one:
+// a supplementary group of this user, or any group for root.
+std::string groupForTheSegment() {
+  std::vector<gid_t> groups(static_cast<std::size_t>(std::max(getgroups(0, nullptr), 0)));
+  groups.resize(static_cast<std::size_t>(
+      std::max(getgroups(static_cast<int>(groups.size()), groups.data()), 0)));
+  if (geteuid() == 0) groups.insert(groups.begin(), {1, 2});  // daemon, bin on Debian
+  for (gid_t gid : groups) {
+    if (gid == getegid()) continue;
+    if (const group* entry = getgrgid(gid)) return entry->gr_name;
+  }
+  const group* own = getgrgid(getegid());
+  return own != nullptr ? own->gr_name : std::string();
+}
+
+TEST_F(BusIntegrationTest, EmulatorGivesTheSegmentTheGroupItIsNamed) {
+  const std::string name = groupForTheSegment();
+  ASSERT_FALSE(name.empty());
+  startBus({"segment-group=" + name});
+  ASSERT_TRUE(bus_->startEmulator());
+  const struct stat status = segmentStatus();
+  EXPECT_EQ(status.st_gid, getgrnam(name.c_str())->gr_gid);
+  EXPECT_EQ(status.st_mode & 07777, 0660u);
+}
+
+TEST_F(BusIntegrationTest, EmulatorWithAnUnknownSegmentGroupDoesNotStart) {
+  startBus({"segment-group=zvr-no-such-group"});
+  EXPECT_FALSE(bus_->startEmulator());
+  EXPECT_FALSE(bus_->emulatorRunning());
 }
 
 }  // namespace

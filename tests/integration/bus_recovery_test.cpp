@@ -35,7 +35,7 @@ using std::chrono::milliseconds;
 
 const char kEventKey[] = "varek.sl2.vstr.videoplayer.zvr.event";
 const std::vector<std::string> kResetRecord = {"unknown", "", "", "", "", "", "", "", ""};
-const char kMediaURL[] = "file:///media/a.ts";
+const char kMediaURL[] = "file://" ZVR_TEST_MEDIA_DIR "/clip.webm";
 // Logged when the cancellation acted while a call waited for its reply (SetValue to the stopped
 // service, or the daemon's GetNameOwner just before it).
 const char kCancelledCall[] = " cancelled; the next call connects anew\n";

@@ -3,12 +3,15 @@
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <sdbus-c++/sdbus-c++.h>
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -38,6 +41,17 @@ std::string replaceAll(std::string text, const std::string& from, const std::str
     at += to.size();
   }
   return text;
+}
+
+bool acceptsConnections(const std::string& path) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return false;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+  const bool accepted = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  close(fd);
+  return accepted;
 }
 
 // The single-letter state of a process, or 0 once it no longer exists.
@@ -80,7 +94,11 @@ PrivateBus::PrivateBus(const std::vector<std::string>& emulatorOptions, bool act
   for (const std::string& option : emulatorOptions) config << option << "\n";
   config.close();
 
-  if (!startDaemon()) throw std::runtime_error("dbus-daemon did not come up");
+  // A daemon that outlived a failed construction would hold the test's output open.
+  if (!startDaemon()) {
+    stopDaemon();
+    throw std::runtime_error("dbus-daemon did not come up");
+  }
   setenv(zvr_bus::kAddressVariable, address_.c_str(), 1);
 }
 
@@ -106,18 +124,15 @@ bool PrivateBus::startDaemon() {
   posix_spawn_file_actions_destroy(&actions);
   if (spawned != 0) return false;
   daemonPid_ = pid;
-  // The socket file appears at bind(), a moment before the daemon listens.
-  return pollUntil(
-      [&] {
-        if (access(socket.c_str(), F_OK) != 0) return false;
-        try {
-          connection_ = sdbus::createSessionBusConnectionWithAddress(address_);
-        } catch (const sdbus::Error&) {
-          return false;
-        }
-        return true;
-      },
-      10000);
+  // The socket file appears at bind(), a moment before the daemon listens; a refused plain
+  // connection is what is waited out (a failed sdbus-c++ connection leaks).
+  if (!pollUntil([&] { return acceptsConnections(socket); }, 10000)) return false;
+  try {
+    connection_ = sdbus::createSessionBusConnectionWithAddress(address_);
+  } catch (const sdbus::Error&) {
+    return false;
+  }
+  return true;
 }
 
 // The emulator goes first: it ends cleanly on SIGTERM, while losing its bus would abort it.

@@ -1,0 +1,486 @@
+// The local URLs as a player sees them: the emulator's media server, in this process, serving
+// the generated clips from files and through loopback upstream servers.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <mutex>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "media_server.h"
+#include "media_source.h"
+#include "media_test_support.h"
+
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+using zvr_emulator::MediaServer;
+using zvr_emulator::OpenedSource;
+using zvr_emulator::ServingFaults;
+using zvr_test::clipPath;
+using zvr_test::getRange;
+using zvr_test::HttpAnswer;
+using zvr_test::readFile;
+using zvr_test::request;
+using zvr_test::sameBytes;
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point begin) {
+  return std::chrono::duration<double>(Clock::now() - begin).count();
+}
+
+class MediaServingTest : public ::testing::Test {
+ protected:
+  // Serves `source` at a new local URL, as a start would.
+  std::string serve(const std::string& source) {
+    const OpenedSource opened =
+        zvr_emulator::openMediaSource(source, Clock::now() + std::chrono::seconds(2));
+    EXPECT_EQ(opened.code, "200") << opened.detail;
+    return opened.source ? server_.open("zvr-test-1", opened.source) : std::string();
+  }
+  void setFaults(const ServingFaults& faults) { server_.setFaults(faults); }
+
+  MediaServer server_;
+};
+
+TEST_F(MediaServingTest, RangesGetTheirExactBytesWith206AtTheStartMiddleEndAndAsASuffix) {
+  const std::string clip = readFile(clipPath("clip.mp4"));
+  const std::string url = serve(clipPath("clip.mp4"));
+  const std::string size = std::to_string(clip.size());
+  const std::size_t middle = clip.size() / 2;
+  const std::size_t last = clip.size() - 1;
+  struct Case {
+    std::string range;
+    std::size_t first, length;
+  };
+  const std::vector<Case> cases = {
+      {"bytes=0-99", 0, 100},
+      {"bytes=" + std::to_string(middle) + "-" + std::to_string(middle + 4095), middle, 4096},
+      {"bytes=" + std::to_string(last - 9) + "-" + std::to_string(last), last - 9, 10},
+      {"bytes=-500", clip.size() - 500, 500},
+      {"bytes=" + std::to_string(middle) + "-", middle, clip.size() - middle},
+      {"bytes=" + std::to_string(last - 9) + "-" + std::to_string(last + 1000), last - 9, 10},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.range);
+    const HttpAnswer answer = getRange(url, c.range);
+    ASSERT_TRUE(answer.complete);
+    EXPECT_EQ(answer.status, 206);
+    EXPECT_TRUE(sameBytes(answer.body, clip.substr(c.first, c.length)));
+    EXPECT_EQ(answer.header("Content-Range"), "bytes " + std::to_string(c.first) + "-" +
+                                                  std::to_string(c.first + c.length - 1) + "/" +
+                                                  size);
+    EXPECT_EQ(answer.header("Content-Length"), std::to_string(c.length));
+    EXPECT_EQ(answer.header("Accept-Ranges"), "bytes");
+    EXPECT_EQ(answer.header("Content-Type"), "video/mp4");
+  }
+}
+
+TEST_F(MediaServingTest, RequestWithoutARangeGetsTheWholeMediaAndAcceptRanges) {
+  const std::string clip = readFile(clipPath("clip.webm"));
+  const HttpAnswer answer = request(serve(clipPath("clip.webm")));
+  ASSERT_TRUE(answer.complete);
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_TRUE(sameBytes(answer.body, clip));
+  EXPECT_EQ(answer.header("Accept-Ranges"), "bytes");
+  EXPECT_EQ(answer.header("Content-Length"), std::to_string(clip.size()));
+}
+
+TEST_F(MediaServingTest, UnsatisfiableRangeGets416WithTheMediaSize) {
+  const std::string size = std::to_string(readFile(clipPath("clip.webm")).size());
+  const std::string url = serve(clipPath("clip.webm"));
+  for (const std::string& range :
+       {"bytes=" + size + "-", "bytes=" + size + "-" + size + "0", std::string("bytes=-0")}) {
+    SCOPED_TRACE(range);
+    const HttpAnswer answer = getRange(url, range);
+    ASSERT_TRUE(answer.complete);
+    EXPECT_EQ(answer.status, 416);
+    EXPECT_EQ(answer.header("Content-Range"), "bytes */" + size);
+    EXPECT_TRUE(sameBytes(answer.body, ""));
+  }
+}
+
+TEST_F(MediaServingTest, SeveralRangesGetTheWholeMediaAndAnUnreadableRangeGets416) {
+  const std::string clip = readFile(clipPath("clip.webm"));
+  const std::string url = serve(clipPath("clip.webm"));
+  const HttpAnswer several = getRange(url, "bytes=0-1,5-6");
+  EXPECT_EQ(several.status, 200);
+  EXPECT_TRUE(sameBytes(several.body, clip));
+  // The server library turns away what it cannot read as byte ranges.
+  for (const char* range : {"items=0-1", "bytes=5-2", "bytes=x-"}) {
+    EXPECT_EQ(getRange(url, range).status, 416) << range;
+  }
+}
+
+TEST_F(MediaServingTest, HeadGivesTheHeadersOfTheGetWithoutABody) {
+  const std::string size = std::to_string(readFile(clipPath("clip.ts")).size());
+  const std::string url = serve(clipPath("clip.ts"));
+  const HttpAnswer whole = request(url, "HEAD");
+  ASSERT_TRUE(whole.complete);
+  EXPECT_EQ(whole.status, 200);
+  EXPECT_EQ(whole.header("Content-Length"), size);
+  EXPECT_EQ(whole.header("Content-Type"), "video/mp2t");
+  EXPECT_EQ(whole.header("Accept-Ranges"), "bytes");
+  EXPECT_TRUE(sameBytes(whole.body, ""));
+
+  const HttpAnswer part = request(url, "HEAD", {{"Range", "bytes=100-199"}});
+  EXPECT_EQ(part.status, 206);
+  EXPECT_EQ(part.header("Content-Length"), "100");
+  EXPECT_EQ(part.header("Content-Range"), "bytes 100-199/" + size);
+  EXPECT_TRUE(sameBytes(part.body, ""));
+}
+
+TEST_F(MediaServingTest, ContentTypeIsTheContainerOfTheBytesWhateverTheName) {
+  zvr_test::TempDir dir;
+  const std::vector<std::pair<std::string, std::string>> clips = {
+      {"clip.webm", "video/webm"}, {"clip.mp4", "video/mp4"}, {"clip.ts", "video/mp2t"}};
+  for (const auto& clip : clips) {
+    // Each clip under the name of another container.
+    const std::string misnamed = dir.file(clip.first + ".mp3", readFile(clipPath(clip.first)));
+    const HttpAnswer answer = getRange(serve(misnamed), "bytes=0-0");
+    EXPECT_EQ(answer.header("Content-Type"), clip.second) << clip.first;
+  }
+}
+
+TEST_F(MediaServingTest, ClosedURLAnswers404AndOtherURLsStayServed) {
+  const std::string first = serve(clipPath("clip.webm"));
+  const std::string second = serve(clipPath("clip.webm"));
+  EXPECT_NE(first, second);
+  server_.close(first);
+  EXPECT_EQ(request(first).status, 404);
+  EXPECT_EQ(request(first, "HEAD").status, 404);
+  EXPECT_EQ(request(second).status, 200);
+  EXPECT_EQ(request(server_.base() + "/media/zvr-test-1/0123456789abcdef").status, 404);
+  EXPECT_EQ(request(server_.base() + "/other").status, 404);
+}
+
+TEST_F(MediaServingTest, ClosingEndsAResponseInProgress) {
+  ServingFaults slow;
+  slow.throttleBytesPerSecond = 100 * 1000;  // the 736 kB clip would take over 7 s
+  setFaults(slow);
+  const std::string url = serve(clipPath("clip.mp4"));
+  const Clock::time_point begin = Clock::now();
+  bool closed = false;
+  const HttpAnswer answer = request(url, "GET", {}, [&](std::size_t received) {
+    if (received >= 10000 && !closed) {
+      server_.close(url);  // while the response is in progress
+      closed = true;
+    }
+    return true;
+  });
+  EXPECT_TRUE(closed);
+  EXPECT_FALSE(answer.complete);
+  EXPECT_LT(answer.body.size(), 200000u);
+  EXPECT_LT(secondsSince(begin), 3.0);
+}
+
+// Each player keeps its connection alive and opens a second one for every seek, as browsers
+// do. A server with too few workers makes the second connections wait until a kept-alive one
+// is given up, a second or more; every request here takes milliseconds otherwise.
+TEST_F(MediaServingTest, EightKeptAliveClientsSeekWithoutStalling) {
+  const std::string clip = readFile(clipPath("clip.mp4"));
+  const std::string url = serve(clipPath("clip.mp4"));
+  const auto parts = zvr_test::splitURL(url);
+  std::mutex mutex;
+  int wrong = 0;
+  int failed = 0;
+  double slowest = 0;
+  const auto check = [&](httplib::Client& client, std::size_t first, std::size_t length) {
+    const std::string range =
+        "bytes=" + std::to_string(first) + "-" + std::to_string(first + length - 1);
+    const Clock::time_point begin = Clock::now();
+    httplib::Result result = client.Get(parts.second.c_str(), {{"Range", range}});
+    const double elapsed = secondsSince(begin);
+    std::lock_guard<std::mutex> lock(mutex);
+    slowest = std::max(slowest, elapsed);
+    if (!result) {
+      ++failed;
+    } else if (result->status != 206 || result->body != clip.substr(first, length)) {
+      ++wrong;
+    }
+  };
+
+  std::vector<std::thread> players;
+  for (int p = 0; p < 8; ++p) {
+    players.emplace_back([&, p] {
+      std::mt19937 random(static_cast<unsigned>(p));
+      httplib::Client playing(parts.first);
+      playing.set_keep_alive(true);
+      playing.set_read_timeout(10);
+      check(playing, 0, 64 * 1024);
+      for (int seek = 0; seek < 4; ++seek) {
+        httplib::Client seeking(parts.first);
+        seeking.set_keep_alive(true);
+        seeking.set_read_timeout(10);
+        const std::size_t first = random() % (clip.size() - 32 * 1024);
+        check(seeking, first, 32 * 1024);
+        check(playing, first / 2, 16 * 1024);  // the first connection stays in use
+      }
+    });
+  }
+  for (std::thread& player : players) player.join();
+  EXPECT_EQ(failed, 0);
+  EXPECT_EQ(wrong, 0);
+  EXPECT_LT(slowest, 0.9);
+}
+
+// Faults, as set for the whole emulator.
+
+TEST_F(MediaServingTest, ThrottleLimitsTheRateOfABody) {
+  ServingFaults faults;
+  faults.throttleBytesPerSecond = 200 * 1000;
+  setFaults(faults);
+  const Clock::time_point begin = Clock::now();
+  const HttpAnswer answer = getRange(serve(clipPath("clip.mp4")), "bytes=0-99999");
+  ASSERT_TRUE(answer.complete);
+  EXPECT_EQ(answer.body.size(), 100000u);
+  // All but the first piece (a twentieth of a second's worth) wait for their turn.
+  EXPECT_GE(secondsSince(begin), 0.9 * (100000 - 10000) / 200000.0);
+}
+
+TEST_F(MediaServingTest, CutAfterClosesTheConnectionAfterThatManyBytes) {
+  ServingFaults faults;
+  faults.cutAfterBytes = 50000;
+  setFaults(faults);
+  const std::string clip = readFile(clipPath("clip.webm"));
+  const HttpAnswer answer = request(serve(clipPath("clip.webm")));
+  EXPECT_FALSE(answer.complete);
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_TRUE(sameBytes(answer.body, clip.substr(0, 50000)));
+}
+
+TEST_F(MediaServingTest, NoRangeAnswersRangesWith200AndTheWholeBody) {
+  ServingFaults faults;
+  faults.noRange = true;
+  setFaults(faults);
+  const std::string clip = readFile(clipPath("clip.webm"));
+  const std::string url = serve(clipPath("clip.webm"));
+  const HttpAnswer answer = getRange(url, "bytes=100-199");
+  ASSERT_TRUE(answer.complete);
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_TRUE(sameBytes(answer.body, clip));
+  EXPECT_EQ(answer.header("Content-Range"), "");
+  EXPECT_EQ(answer.header("Accept-Ranges"), "none");
+  EXPECT_EQ(request(url, "HEAD").header("Accept-Ranges"), "none");
+
+  setFaults(ServingFaults());  // changed while serving
+  EXPECT_EQ(getRange(url, "bytes=100-199").status, 206);
+}
+
+TEST_F(MediaServingTest, FirstByteDelayHoldsTheAnswer) {
+  ServingFaults faults;
+  faults.firstByteDelayMs = 300;
+  setFaults(faults);
+  const std::string url = serve(clipPath("clip.webm"));
+  const Clock::time_point begin = Clock::now();
+  const HttpAnswer answer = getRange(url, "bytes=0-9");
+  EXPECT_EQ(answer.status, 206);
+  EXPECT_GE(secondsSince(begin), 0.29);
+}
+
+// http:// sources: a loopback server of this test stands for the upstream.
+
+class UpstreamTest : public MediaServingTest {
+ protected:
+  void SetUp() override {
+    clip_ = readFile(clipPath("clip.webm"));
+    // Ranges answered by the server library itself.
+    upstream_.Get("/ranged.webm", [this](const httplib::Request&, httplib::Response& response) {
+      response.set_content_provider(
+          clip_.size(), "application/octet-stream",
+          [this](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+            return sink.write(clip_.data() + offset, std::min<std::size_t>(length, 8192));
+          });
+    });
+    // A server without ranges, sending its body in chunks.
+    upstream_.Get("/whole.webm",
+                  [this](const httplib::Request& request, httplib::Response& response) {
+                    const_cast<httplib::Request&>(request).ranges.clear();
+                    response.status = 200;
+                    response.set_chunked_content_provider(
+                        "video/webm", [this](std::size_t offset, httplib::DataSink& sink) {
+                          if (offset >= clip_.size()) {
+                            sink.done();
+                            return true;
+                          }
+                          return sink.write(clip_.data() + offset,
+                                            std::min<std::size_t>(clip_.size() - offset, 5000));
+                        });
+                  });
+    upstream_.Get("/text", [](const httplib::Request&, httplib::Response& response) {
+      response.set_content("<html>not media</html>", "text/html");
+    });
+    upstream_.Get("/broken", [](const httplib::Request&, httplib::Response& response) {
+      response.status = 500;
+    });
+    port_ = zvr_test::startLoopbackServer(upstream_, thread_);
+  }
+  void TearDown() override {
+    upstream_.stop();
+    thread_.join();
+  }
+  std::string upstreamURL(const std::string& path) const {
+    return "http://127.0.0.1:" + std::to_string(port_) + path;
+  }
+
+  std::string clip_;
+  httplib::Server upstream_;
+  int port_ = 0;
+  std::thread thread_;
+};
+
+TEST_F(UpstreamTest, RangesArePassedToAnUpstreamThatServesThem) {
+  const std::string url = serve(upstreamURL("/ranged.webm"));
+  const HttpAnswer part = getRange(url, "bytes=1000-1999");
+  ASSERT_TRUE(part.complete);
+  EXPECT_EQ(part.status, 206);
+  EXPECT_TRUE(sameBytes(part.body, clip_.substr(1000, 1000)));
+  EXPECT_EQ(part.header("Content-Range"), "bytes 1000-1999/" + std::to_string(clip_.size()));
+  EXPECT_EQ(part.header("Accept-Ranges"), "bytes");
+  EXPECT_EQ(part.header("Content-Type"), "video/webm");  // sniffed, not the upstream's
+
+  const HttpAnswer suffix = getRange(url, "bytes=-100");
+  EXPECT_EQ(suffix.status, 206);
+  EXPECT_TRUE(sameBytes(suffix.body, clip_.substr(clip_.size() - 100)));
+  const HttpAnswer whole = request(url);
+  EXPECT_EQ(whole.status, 200);
+  EXPECT_TRUE(sameBytes(whole.body, clip_));
+}
+
+TEST_F(UpstreamTest, UpstreamWithoutRangesIsServedWholeWithoutThem) {
+  const std::string url = serve(upstreamURL("/whole.webm"));
+  const HttpAnswer answer = getRange(url, "bytes=1000-1999");
+  ASSERT_TRUE(answer.complete);
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_TRUE(sameBytes(answer.body, clip_));
+  EXPECT_EQ(answer.header("Accept-Ranges"), "none");
+  EXPECT_EQ(answer.header("Content-Type"), "video/webm");
+}
+
+TEST_F(UpstreamTest, ClosingEndsAnUpstreamResponseInProgress) {
+  ServingFaults slow;
+  slow.throttleBytesPerSecond = 20 * 1000;
+  setFaults(slow);
+  const std::string url = serve(upstreamURL("/ranged.webm"));
+  bool closed = false;
+  const HttpAnswer answer = request(url, "GET", {}, [&](std::size_t /*received*/) {
+    if (!closed) {
+      server_.close(url);  // while the response is in progress
+      closed = true;
+    }
+    return true;
+  });
+  EXPECT_TRUE(closed);
+  EXPECT_FALSE(answer.complete);
+  EXPECT_LT(answer.body.size(), clip_.size());
+}
+
+// Each way a source fails, with its result code.
+
+class FailingSourceTest : public UpstreamTest {
+ protected:
+  OpenedSource open(const std::string& source,
+                    std::chrono::milliseconds within = std::chrono::milliseconds(150)) {
+    return zvr_emulator::openMediaSource(source, Clock::now() + within);
+  }
+};
+
+TEST_F(FailingSourceTest, UnknownSchemeOrNoPathIs400) {
+  for (const char* source : {"ftp://127.0.0.1/a.webm", "media/clip.webm", "", "file://host/a"}) {
+    const OpenedSource opened = open(source);
+    EXPECT_EQ(opened.code, "400") << source;
+    EXPECT_FALSE(opened.detail.empty()) << source;
+    EXPECT_EQ(opened.source, nullptr);
+  }
+  EXPECT_THAT(open("rtsp://127.0.0.1/x").detail, HasSubstr("rtsp:"));
+}
+
+TEST_F(FailingSourceTest, MissingFileOrDirectoryIs404) {
+  zvr_test::TempDir dir;
+  const OpenedSource missing = open("file://" + dir.path() + "/none.webm");
+  EXPECT_EQ(missing.code, "404");
+  EXPECT_THAT(missing.detail, HasSubstr("none.webm"));
+  EXPECT_EQ(open(dir.path()).code, "404");
+}
+
+TEST_F(FailingSourceTest, UnreadableFileIs403) {
+  if (geteuid() == 0) GTEST_SKIP() << "root reads every file";
+  zvr_test::TempDir dir;
+  const std::string path = dir.file("locked.webm", readFile(clipPath("clip.webm")));
+  ASSERT_EQ(chmod(path.c_str(), 0), 0);
+  EXPECT_EQ(open(path).code, "403");
+}
+
+TEST_F(FailingSourceTest, ContentThatIsNoMediaContainerIs415) {
+  zvr_test::TempDir dir;
+  EXPECT_EQ(open(dir.file("empty.webm", "")).code, "415");
+  const OpenedSource text = open(dir.file("text.webm", "just some text, not a container\n"));
+  EXPECT_EQ(text.code, "415");
+  EXPECT_THAT(text.detail, HasSubstr("text.webm"));
+  EXPECT_EQ(open(upstreamURL("/text")).code, "415");
+}
+
+TEST_F(FailingSourceTest, PercentEscapesOfAFileURLAreDecoded) {
+  zvr_test::TempDir dir;
+  dir.file("a clip.webm", readFile(clipPath("clip.webm")));
+  EXPECT_EQ(open("file://" + dir.path() + "/a%20clip.webm").code, "200");
+  EXPECT_EQ(open("file://localhost" + dir.path() + "/a%20clip.webm").code, "200");
+}
+
+TEST_F(FailingSourceTest, UpstreamThatIsMissingFailingOrUnreachableIs404Or502) {
+  EXPECT_EQ(open(upstreamURL("/none.webm")).code, "404");
+  EXPECT_EQ(open(upstreamURL("/broken")).code, "502");
+
+  // A port nobody listens on any more.
+  const int s = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(getsockname(s, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  close(s);
+  const OpenedSource refused =
+      open("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/a.webm");
+  EXPECT_EQ(refused.code, "502");
+  EXPECT_THAT(refused.detail, HasSubstr("refused"));
+}
+
+TEST_F(FailingSourceTest, UpstreamThatDoesNotAnswerIs504ByTheDeadline) {
+  // Listening, so the connection is made, but never answering.
+  const int s = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(s, 4), 0);
+  ASSERT_EQ(getsockname(s, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  const Clock::time_point begin = Clock::now();
+  const OpenedSource silent =
+      open("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/a.webm");
+  const double elapsed = secondsSince(begin);
+  close(s);
+  EXPECT_EQ(silent.code, "504");
+  EXPECT_GE(elapsed, 0.14);
+  EXPECT_LT(elapsed, 0.45);
+}
+
+TEST_F(FailingSourceTest, UpstreamOffTheLoopbackIs403) {
+  const OpenedSource remote = open("http://192.0.2.1/a.webm");
+  EXPECT_EQ(remote.code, "403");
+  EXPECT_THAT(remote.detail, HasSubstr("loopback"));
+  EXPECT_EQ(open("http://example.com/a.webm").code, "403");
+  EXPECT_EQ(open("http://user@127.0.0.1/a.webm").code, "400");
+}
+
+}  // namespace
