@@ -50,6 +50,7 @@ struct State {
   int constructorAttempts = 0;
   std::vector<std::string> lifecycle;
   int delivered = 0;
+  int queued = 0;  // records given to deliver(), less those a destroyed connection dropped
   Connection* newest = nullptr;
 };
 
@@ -119,6 +120,13 @@ ZVRModelAccess::~ZVRModelAccess() {
       impl_->listener.join();
     }
   }
+  std::size_t dropped;
+  {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    dropped = impl_->queue.size();
+  }
+  std::lock_guard<std::mutex> lock(s.mutex);
+  s.queued -= static_cast<int>(dropped);
 }
 
 int ZVRModelAccess::start() {
@@ -272,6 +280,7 @@ void ModelAccessRecorder::deliver(std::vector<std::string> record) {
   {
     std::lock_guard<std::mutex> lock(state().mutex);
     impl = state().newest;
+    if (impl != nullptr) ++state().queued;
   }
   if (impl == nullptr) throw std::logic_error("deliver: no connection");
   {
@@ -289,6 +298,11 @@ bool ModelAccessRecorder::waitDelivered(int count, std::chrono::milliseconds tim
 int ModelAccessRecorder::delivered() const {
   std::lock_guard<std::mutex> lock(state().mutex);
   return state().delivered;
+}
+
+int ModelAccessRecorder::pendingDeliveries() const {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  return state().queued - state().delivered;
 }
 
 bool ModelAccessRecorder::waitCommands(std::size_t count, std::chrono::milliseconds timeout) {

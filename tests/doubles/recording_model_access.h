@@ -65,6 +65,8 @@ class ModelAccessRecorder {
   // Waits until `count` records in all have been handed to onZVREvent and it returned.
   bool waitDelivered(int count, std::chrono::milliseconds timeout);
   int delivered() const;
+  // Records queued by deliver() that the listener thread has not yet handed over.
+  int pendingDeliveries() const;
 
   // Waits until at least `count` command messages were sent.
   bool waitCommands(std::size_t count, std::chrono::milliseconds timeout);

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "capturing_log.h"
+#include "manager_test.h"
 #include "recording_model_access.h"
 #include "service_double.h"
 #include "shm_writer.h"
@@ -51,9 +52,9 @@ using velmora::ZVRMediaProxyObject;
 using velmora::logging::kError;
 using velmora::logging::kHeadline;
 using velmora::logging::kProgress;
-using zvr_test::CapturedLog;
+using zvr_test::log;
 using zvr_test::LogLine;
-using zvr_test::ModelAccessRecorder;
+using zvr_test::recorder;
 using zvr_test::ServiceDouble;
 using zvr_test::ShmWriter;
 
@@ -61,9 +62,6 @@ using Record = std::vector<std::string>;
 using Clock = std::chrono::steady_clock;
 
 constexpr auto kWatchdog = std::chrono::seconds(15);
-
-ModelAccessRecorder& recorder() { return ModelAccessRecorder::instance(); }
-CapturedLog& log() { return CapturedLog::instance(); }
 
 double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
@@ -123,15 +121,9 @@ void answerCreateThroughListener(std::function<Record(const std::string& session
   });
 }
 
-class CreationTest : public ::testing::Test {
+class CreationTest : public zvr_test::ManagerTest {
  protected:
-  void SetUp() override {
-    manager_ = ZVRMediaProxyManager::getInstance();
-    log().clear();
-  }
   void TearDown() override { recorder().setHook(nullptr); }
-
-  ZVRMediaProxyManager* manager_ = nullptr;
 };
 
 // --- Asynchronous creation without an id ---------------------------------------------------------

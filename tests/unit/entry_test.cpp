@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "capturing_log.h"
+#include "manager_test.h"
 #include "recording_model_access.h"
 #include "service_double.h"
 #include "test_support.h"
@@ -30,18 +31,15 @@ using velmora::ZVRMediaProxyManagerInterface;
 using velmora::logging::kError;
 using velmora::logging::kProgress;
 using zvr_test::CallbackRecorder;
-using zvr_test::CapturedLog;
+using zvr_test::log;
 using zvr_test::LogLine;
-using zvr_test::ModelAccessRecorder;
 using zvr_test::Notification;
+using zvr_test::recorder;
 using zvr_test::ServiceDouble;
 
 constexpr char kGetInterface[] = "Get proxy manager interface.\n";
 constexpr char kCalled[] = "called.\n";
 constexpr char kManagerNull[] = "manager is NULL.\n";
-
-ModelAccessRecorder& recorder() { return ModelAccessRecorder::instance(); }
-CapturedLog& log() { return CapturedLog::instance(); }
 
 // One B-LOG line reduced to what the facade tests compare: the message, its severity and the
 // function that wrote it.
@@ -326,15 +324,7 @@ TEST_F(ManagerInterfaceTest, EveryOperationTriesToBuildTheManagerAgain) {
 
 // --- Static entry points of the proxy handle ---------------------------------------------------
 
-class ProxyInterfaceStaticTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    manager_ = ZVRMediaProxyManager::getInstance();
-    log().clear();
-    recorder().clearCalls();
-  }
-  ZVRMediaProxyManager* manager_ = nullptr;
-};
+class ProxyInterfaceStaticTest : public zvr_test::ManagerTest {};
 
 TEST_F(ProxyInterfaceStaticTest, CreateReturnsTheObjectTheServiceCreatedWithoutLogsOfItsOwn) {
   ServiceDouble service(nullptr, ServiceDouble::Delivery::kListener);

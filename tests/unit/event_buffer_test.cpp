@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "capturing_log.h"
+#include "manager_test.h"
 #include "recording_model_access.h"
 #include "shm_writer.h"
 #include "zvr_log.h"
@@ -22,8 +23,8 @@ using velmora::ZVRMediaProxyManager;
 using velmora::logging::kError;
 using velmora::logging::kProgress;
 using velmora::logging::kVerbose;
-using zvr_test::CapturedLog;
-using zvr_test::ModelAccessRecorder;
+using zvr_test::log;
+using zvr_test::recorder;
 using zvr_test::ShmWriter;
 
 using Record = std::vector<std::string>;
@@ -74,18 +75,13 @@ bool isFilledLine(const std::string& text, const std::string& prefix, char fill,
   return body.size() <= limit && body.find_first_not_of(fill) == std::string::npos;
 }
 
-class EventBufferTest : public ::testing::Test {
+class EventBufferTest : public zvr_test::ManagerTest {
  protected:
   void SetUp() override {
     ShmWriter::remove();
-    manager_ = ZVRMediaProxyManager::getInstance();
-    log().clear();
-    recorder().clearCalls();
+    ManagerTest::SetUp();
   }
   void TearDown() override { ShmWriter::remove(); }
-
-  static CapturedLog& log() { return CapturedLog::instance(); }
-  static ModelAccessRecorder& recorder() { return ModelAccessRecorder::instance(); }
 
   // Creates the segment, maps it into the manager and clears the log of the mapping.
   void mapSegment() {
@@ -94,7 +90,6 @@ class EventBufferTest : public ::testing::Test {
     log().clear();
   }
 
-  ZVRMediaProxyManager* manager_ = nullptr;
   std::unique_ptr<ShmWriter> writer_;
 };
 
@@ -445,27 +440,25 @@ TEST_F(EventBufferTest, InitializeNeitherReadsNorTouchesTheSegment) {
 
 // Without a model access: the platform refuses every connection from the first getInstance on.
 TEST(EventBufferNoAccessTest, ReadEventWithoutModelAccessFromTheStartReturnsEmptyRecord) {
-  ModelAccessRecorder::instance().setThrowFromConstructor(true);
+  recorder().setThrowFromConstructor(true);
   ZVRMediaProxyManager* manager = ZVRMediaProxyManager::getInstance();
-  CapturedLog::instance().clear();
+  log().clear();
   std::vector<std::string> record{"stale"};
   EXPECT_NO_THROW(record = manager->readZVREvent());
   EXPECT_TRUE(record.empty());
-  EXPECT_EQ(CapturedLog::instance().messages(kProgress),
-            std::vector<std::string>{"memory NULL.\n"});
-  EXPECT_EQ(ModelAccessRecorder::instance().getCalls(), 0);
+  EXPECT_EQ(log().messages(kProgress), std::vector<std::string>{"memory NULL.\n"});
+  EXPECT_EQ(recorder().getCalls(), 0);
 }
 
 TEST(EventBufferNoAccessTest, InitializeWithoutModelAccessLogsNoAccessAndWritesNothing) {
-  ModelAccessRecorder::instance().setThrowFromConstructor(true);
+  recorder().setThrowFromConstructor(true);
   ZVRMediaProxyManager* manager = ZVRMediaProxyManager::getInstance();
-  CapturedLog::instance().clear();
-  ModelAccessRecorder::instance().clearCalls();
+  log().clear();
+  recorder().clearCalls();
   manager->initializeZVREvent();
-  EXPECT_EQ(CapturedLog::instance().messages(),
-            (std::vector<std::string>{"initializeZVREvent.\n", "No Access\n"}));
-  EXPECT_EQ(CapturedLog::instance().count("No Access\n", kError), 1);
-  EXPECT_TRUE(ModelAccessRecorder::instance().calls().empty());
+  EXPECT_EQ(log().messages(), (std::vector<std::string>{"initializeZVREvent.\n", "No Access\n"}));
+  EXPECT_EQ(log().count("No Access\n", kError), 1);
+  EXPECT_TRUE(recorder().calls().empty());
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "capturing_log.h"
+#include "manager_test.h"
 #include "recording_model_access.h"
 #include "test_support.h"
 #include "zvr_log.h"
@@ -28,18 +29,15 @@ using velmora::logging::kError;
 using velmora::logging::kHeadline;
 using velmora::logging::kProgress;
 using zvr_test::CallbackRecorder;
-using zvr_test::CapturedLog;
 using zvr_test::eventually;
-using zvr_test::ModelAccessRecorder;
+using zvr_test::log;
 using zvr_test::Notification;
+using zvr_test::recorder;
 
 using Record = std::vector<std::string>;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kTimeout(5000);
-
-ModelAccessRecorder& recorder() { return ModelAccessRecorder::instance(); }
-CapturedLog& log() { return CapturedLog::instance(); }
 
 // The number of command messages sent so far whose command word is `word`.
 std::size_t commandsWithWord(const std::string& word) {
@@ -112,22 +110,14 @@ void registryProbingCallback(std::string id, std::string kind, std::string value
   CallbackRecorder::callback(std::move(id), std::move(kind), std::move(value));
 }
 
-class EventDispatchTest : public ::testing::Test {
+class EventDispatchTest : public zvr_test::ManagerTest {
  protected:
-  void SetUp() override {
-    manager_ = ZVRMediaProxyManager::getInstance();
-    log().clear();
-    recorder().clearCalls();
-  }
-
   // Hands a record to the listener thread and waits until the manager has handled it.
   void deliverAndWait(Record record) {
     const int before = recorder().delivered();
     recorder().deliver(std::move(record));
     ASSERT_TRUE(recorder().waitDelivered(before + 1, kTimeout));
   }
-
-  ZVRMediaProxyManager* manager_ = nullptr;
 };
 
 // --- "created" ---------------------------------------------------------------------------------
@@ -492,7 +482,7 @@ TEST_F(EventDispatchTest, CreatedDeliveredWhileACreationHoldsTheMutexIsNotLost) 
   // to the listener at once after the send is delivered when the creation waits.
   recorder().setHook([](const std::string& key, const std::vector<std::string>& values) {
     if (key == zvr_test::kCommandKey && values.at(0) == "create") {
-      ModelAccessRecorder::instance().deliver({"created", "200", values.at(2), "abc"});
+      recorder().deliver({"created", "200", values.at(2), "abc"});
     }
   });
   Creation creation(manager_);

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "capturing_log.h"
+#include "manager_test.h"
 #include "recording_model_access.h"
 #include "service_double.h"
 #include "shm_writer.h"
@@ -33,9 +34,9 @@ using velmora::logging::kError;
 using velmora::logging::kHeadline;
 using velmora::logging::kProgress;
 using zvr_test::CallbackRecorder;
-using zvr_test::CapturedLog;
-using zvr_test::ModelAccessRecorder;
+using zvr_test::log;
 using zvr_test::Notification;
+using zvr_test::recorder;
 using zvr_test::ServiceDouble;
 using zvr_test::ShmWriter;
 
@@ -43,9 +44,6 @@ using Strings = std::vector<std::string>;
 
 constexpr std::chrono::milliseconds kTimeout(5000);
 const char kId[] = "abc";
-
-ModelAccessRecorder& recorder() { return ModelAccessRecorder::instance(); }
-CapturedLog& log() { return CapturedLog::instance(); }
 
 void expectCommandShape(const Strings& command) {
   static const std::regex kSessionId("ses-[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{16}");
@@ -56,10 +54,10 @@ void expectCommandShape(const Strings& command) {
 }
 
 // Records the thread of every callback before passing the call on to CallbackRecorder.
-class ProxyLifecycleTest : public ::testing::Test {
+class ProxyLifecycleTest : public zvr_test::ManagerTest {
  protected:
   void SetUp() override {
-    manager_ = ZVRMediaProxyManager::getInstance();
+    ManagerTest::SetUp();
     manager_->setZVRCallback(&CallbackRecorder::callback);
   }
 
@@ -68,8 +66,6 @@ class ProxyLifecycleTest : public ::testing::Test {
     log().clear();
     return proxy;
   }
-
-  ZVRMediaProxyManager* manager_ = nullptr;
 };
 
 TEST_F(ProxyLifecycleTest, StartStartedSeekStopThroughTheListener) {

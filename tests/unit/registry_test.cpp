@@ -6,6 +6,7 @@
 #include <string>
 
 #include "capturing_log.h"
+#include "manager_test.h"
 #include "recording_model_access.h"
 #include "zvr_log.h"
 #include "zvr_media_proxy_manager.h"
@@ -16,14 +17,9 @@ namespace {
 using velmora::ZVRMediaProxyManager;
 using velmora::ZVRMediaProxyObject;
 using velmora::logging::kProgress;
-using zvr_test::CapturedLog;
+using zvr_test::log;
 
-class RegistryTest : public ::testing::Test {
- protected:
-  void SetUp() override { manager_ = ZVRMediaProxyManager::getInstance(); }
-  CapturedLog& log() { return CapturedLog::instance(); }
-  ZVRMediaProxyManager* manager_ = nullptr;
-};
+class RegistryTest : public zvr_test::ManagerTest {};
 
 TEST_F(RegistryTest, CachedObjectIsFoundByItsId) {
   auto object = ZVRMediaProxyObject::create("abc");

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "capturing_log.h"
+#include "manager_test.h"
 #include "recording_model_access.h"
 #include "service_double.h"
 #include "shm_writer.h"
@@ -35,9 +36,9 @@ using velmora::ZVRMediaProxyObject;
 using velmora::logging::kError;
 using velmora::logging::kHeadline;
 using velmora::logging::kProgress;
-using zvr_test::CapturedLog;
+using zvr_test::log;
 using zvr_test::LogLine;
-using zvr_test::ModelAccessRecorder;
+using zvr_test::recorder;
 using zvr_test::ServiceDouble;
 using zvr_test::ShmWriter;
 
@@ -46,9 +47,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char kWaitFunction[] = "waitRequestRemoteObjectCompleted";
 constexpr char kOldSession[] = "ses-00000000-0000-0000-0000000000000000";
-
-ModelAccessRecorder& recorder() { return ModelAccessRecorder::instance(); }
-CapturedLog& log() { return CapturedLog::instance(); }
 
 double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
@@ -166,10 +164,10 @@ bool isTimestamp(const std::string& text) {
   return std::regex_match(text, std::regex("[0-9]+\\.[0-9]{6}"));
 }
 
-class SyncRequestTest : public ::testing::Test {
+class SyncRequestTest : public zvr_test::ManagerTest {
  protected:
   void SetUp() override {
-    manager_ = ZVRMediaProxyManager::getInstance();
+    ManagerTest::SetUp();
     ASSERT_EQ(manager_->checkZVREventMemory(), 0);
     log().clear();
   }
@@ -186,7 +184,6 @@ class SyncRequestTest : public ::testing::Test {
   }
 
   ShmWriter writer_;
-  ZVRMediaProxyManager* manager_ = nullptr;
 };
 
 // --- Each twin: log line, command, awaited answer ------------------------------------------------
