@@ -98,21 +98,6 @@ std::string totalTimeoutLine(const std::string& sessionId) {
   return "Wait response total timeout for id:" + sessionId + ", just return.\n";
 }
 
-// Runs `call` on a thread of its own and waits at most kWatchdog for it. A call that does not
-// finish is a deadlock: the test fails and the process ends at once, since the blocked thread
-// can never be joined.
-template <typename Call>
-auto withWatchdog(Call call) -> decltype(call()) {
-  auto future = std::async(std::launch::async, call);
-  if (future.wait_for(kWatchdog) != std::future_status::ready) {
-    ADD_FAILURE() << "the call did not return within " << kWatchdog.count() << " s: deadlock";
-    std::fflush(stdout);
-    std::fflush(stderr);
-    std::_Exit(EXIT_FAILURE);
-  }
-  return future.get();
-}
-
 // A hook that answers every "create" through the listener thread with a record built from its
 // session id.
 void answerCreateThroughListener(std::function<Record(const std::string& sessionId)> build) {
@@ -470,7 +455,8 @@ TEST_F(CreationTest, SyncModeAsyncCreationWithSharedMemoryAnswersDoesNotDeadlock
   recorder().clearCalls();
 
   const auto start = Clock::now();
-  auto object = withWatchdog([this] { return manager_->createNewZVRMediaProxy(); });
+  auto object = zvr_test::withWatchdog("the creation", kWatchdog,
+                                       [this] { return manager_->createNewZVRMediaProxy(); });
   const double elapsed = secondsSince(start);
   EXPECT_GT(elapsed, 2.2);
   EXPECT_LT(elapsed, 5.0);
@@ -509,7 +495,8 @@ TEST_F(CreationTest, SyncModeAsyncCreationWithSharedMemoryAndListenerDoesNotDead
   recorder().clearCalls();
 
   const auto start = Clock::now();
-  auto object = withWatchdog([this] { return manager_->createNewZVRMediaProxy(); });
+  auto object = zvr_test::withWatchdog("the creation", kWatchdog,
+                                       [this] { return manager_->createNewZVRMediaProxy(); });
   EXPECT_LT(secondsSince(start), 2.0);
   ASSERT_TRUE(recorder().waitDelivered(1, std::chrono::milliseconds(5000)));
 
@@ -535,7 +522,8 @@ TEST_F(CreationTest, SyncModeServiceAliveWithSharedMemoryAnswerDoesNotDeadlockAn
   recorder().clearCalls();
 
   const auto start = Clock::now();
-  const bool alive = withWatchdog([this] { return manager_->checkZVRServiceAlive(); });
+  const bool alive = zvr_test::withWatchdog("the liveness probe", kWatchdog,
+                                            [this] { return manager_->checkZVRServiceAlive(); });
   const double elapsed = secondsSince(start);
   EXPECT_FALSE(alive);
   EXPECT_GT(elapsed, 0.15);
@@ -558,7 +546,8 @@ TEST_F(CreationTest, SyncModeServiceAliveWithSharedMemoryAndListenerDoesNotDeadl
   recorder().clearCalls();
 
   const auto start = Clock::now();
-  const bool alive = withWatchdog([this] { return manager_->checkZVRServiceAlive(); });
+  const bool alive = zvr_test::withWatchdog("the liveness probe", kWatchdog,
+                                            [this] { return manager_->checkZVRServiceAlive(); });
   EXPECT_TRUE(alive);
   EXPECT_LT(secondsSince(start), 2.0);
   ASSERT_TRUE(recorder().waitDelivered(1, std::chrono::milliseconds(5000)));

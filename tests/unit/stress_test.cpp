@@ -10,7 +10,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <future>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -54,20 +53,6 @@ constexpr char kPlayURL[] = "http://example.test/stream.m3u8";
 
 ModelAccessRecorder& recorder() { return ModelAccessRecorder::instance(); }
 CapturedLog& log() { return CapturedLog::instance(); }
-
-// Runs `body` on a thread of its own and waits for it at most kWatchdogLimit. A run that does
-// not end by then hangs: the process is ended, since its threads cannot be stopped.
-template <typename Body>
-void runWithWatchdog(const char* name, Body body) {
-  std::future<void> run = std::async(std::launch::async, body);
-  if (run.wait_for(kWatchdogLimit) != std::future_status::ready) {
-    std::fprintf(stderr, "%s: watchdog: still running after %lld s, the stress run hangs\n", name,
-                 static_cast<long long>(kWatchdogLimit.count()));
-    std::fflush(stderr);
-    std::abort();
-  }
-  run.get();
-}
 
 // The application callback of both runs: counts its calls by kind and keeps the ids it saw.
 struct CallbackCounts {
@@ -387,7 +372,7 @@ void asyncStress() {
 }
 
 TEST(StressTest, HostThreadsListenerFloodAndRegistryMaintenanceRunTogether) {
-  runWithWatchdog("HostThreadsListenerFloodAndRegistryMaintenanceRunTogether", asyncStress);
+  zvr_test::withWatchdog("the asynchronous stress run", kWatchdogLimit, asyncStress);
 }
 
 // --- Sync mode ---------------------------------------------------------------------------------
@@ -512,7 +497,7 @@ void syncStress() {
 }
 
 TEST(StressTest, SyncModeCommandsCreationsAndProbesRunTogether) {
-  runWithWatchdog("SyncModeCommandsCreationsAndProbesRunTogether", syncStress);
+  zvr_test::withWatchdog("the synchronous stress run", kWatchdogLimit, syncStress);
 }
 
 }  // namespace
