@@ -1,0 +1,175 @@
+// zvrsrc in playbin against the emulator: the generated clips play to EOS with every video frame
+// decoded, seeks land, pause and resume, eight pipelines play at once, definitions arrive.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "gst_test_support.h"
+#include "test_support.h"
+
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+using zvr_test::clipUri;
+using zvr_test::Playback;
+using namespace std::chrono_literals;
+
+class ZvrSrcPlayback : public zvr_test::ZvrGstTest,
+                       public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(ZvrSrcPlayback, PlaysTheClipToEosDecodingAllNinetyVideoFrames) {
+  startService();
+  Playback playback(clipUri(GetParam()));
+  std::string error;
+  ASSERT_TRUE(playback.playToEos(20s, &error)) << error;
+  EXPECT_EQ(playback.videoFrames(), 90);
+  EXPECT_THAT(playback.sourceProperty("proxy-id"), StartsWith("zvr-"));
+  EXPECT_THAT(playback.sourceProperty("local-url"), StartsWith("http://127.0.0.1:"));
+  EXPECT_EQ(G_OBJECT_TYPE_NAME(playback.source()), std::string("GstZvrSrc"));
+}
+
+TEST_P(ZvrSrcPlayback, SeekToTwoSecondsLandsWithinATenthOfASecond) {
+  startService();
+  Playback playback(clipUri(GetParam()));
+  ASSERT_NE(playback.setState(GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
+  ASSERT_TRUE(playback.waitState(GST_STATE_PAUSED, 10s));
+  playback.clearTimestamps();
+  ASSERT_TRUE(gst_element_seek_simple(
+      playback.pipeline(), GST_FORMAT_TIME,
+      static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE), 2 * GST_SECOND));
+  ASSERT_TRUE(playback.waitState(GST_STATE_PAUSED, 10s));
+  gint64 position = -1;
+  ASSERT_TRUE(gst_element_query_position(playback.pipeline(), GST_FORMAT_TIME, &position));
+  EXPECT_NEAR(static_cast<double>(position) / GST_SECOND, 2.0, 0.1);
+  // The first frame rendered after the seek (the sink renders none while paused).
+  ASSERT_NE(playback.setState(GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+  ASSERT_TRUE(zvr_test::eventually([&playback] { return !playback.timestamps().empty(); }));
+  const GstClockTime first = playback.timestamps().front();
+  EXPECT_NEAR(static_cast<double>(first) / GST_SECOND, 2.0, 0.1);
+  std::string error;
+  EXPECT_TRUE(playback.playToEos(20s, &error)) << error;
+}
+
+INSTANTIATE_TEST_SUITE_P(Clips, ZvrSrcPlayback,
+                         ::testing::Values("clip.webm", "clip.mp4", "clip.ts"),
+                         [](const ::testing::TestParamInfo<const char*>& info) {
+                           std::string name = info.param;
+                           return name.substr(name.find('.') + 1);
+                         });
+
+using ZvrSrcTest = zvr_test::ZvrGstTest;
+
+TEST_F(ZvrSrcTest, TimeSeekReachingTheElementGoesToTheRemotePlayerAndIsRefused) {
+  startService();
+  Playback playback(clipUri("clip.webm"));
+  ASSERT_NE(playback.setState(GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
+  ASSERT_TRUE(playback.waitState(GST_STATE_PAUSED, 10s));
+  GstElement* source = playback.source();
+  ASSERT_NE(source, nullptr);
+  GstPad* pad = gst_element_get_static_pad(source, "src");
+  ASSERT_NE(pad, nullptr);
+  GstEvent* seek = gst_event_new_seek(1.0, GST_FORMAT_TIME, GST_SEEK_FLAG_FLUSH, GST_SEEK_TYPE_SET,
+                                      1500 * GST_MSECOND, GST_SEEK_TYPE_NONE, GST_CLOCK_TIME_NONE);
+  EXPECT_FALSE(gst_pad_send_event(pad, seek));
+  gst_object_unref(pad);
+  ASSERT_TRUE(bus_->waitRecorded(3, 5000));
+  bool seekSent = false;
+  for (const auto& command : bus_->recordedCommands()) {
+    if (!command.empty() && command[0] == "seek") {
+      seekSent = true;
+      ASSERT_GT(command.size(), 5u);
+      EXPECT_DOUBLE_EQ(std::stod(command[5]), 1.5);
+    }
+  }
+  EXPECT_TRUE(seekSent);
+}
+
+TEST_F(ZvrSrcTest, PausesAndResumesWithoutLosingFrames) {
+  startService();
+  Playback playback(clipUri("clip.webm"), /*sync=*/true);
+  ASSERT_NE(playback.setState(GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+  ASSERT_TRUE(playback.waitFrames(10, 10s));
+  ASSERT_NE(playback.setState(GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
+  ASSERT_TRUE(playback.waitState(GST_STATE_PAUSED, 5s));
+  const int paused = playback.videoFrames();
+  EXPECT_LT(paused, 90);
+  // Paused for a third of a second: at 30 fps, ten frames would have been shown.
+  std::this_thread::sleep_for(300ms);
+  EXPECT_EQ(playback.videoFrames(), paused);
+  std::string error;
+  ASSERT_TRUE(playback.playToEos(20s, &error)) << error;
+  EXPECT_EQ(playback.videoFrames(), 90);
+}
+
+TEST_F(ZvrSrcTest, EightPipelinesPlayConcurrentlyEachWithItsOwnProxy) {
+  startService();
+  std::vector<std::unique_ptr<Playback>> playbacks;
+  for (int i = 0; i < 8; ++i) {
+    playbacks.push_back(std::make_unique<Playback>(clipUri(i % 2 ? "clip.mp4" : "clip.webm")));
+  }
+  for (auto& p : playbacks) ASSERT_NE(p->setState(GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+  std::set<std::string> ids;
+  for (auto& p : playbacks) {
+    GstMessage* message =
+        p->waitMessage(static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR), 60s);
+    ASSERT_NE(message, nullptr);
+    EXPECT_EQ(GST_MESSAGE_TYPE(message), GST_MESSAGE_EOS);
+    gst_message_unref(message);
+    EXPECT_EQ(p->videoFrames(), 90);
+    ids.insert(p->sourceProperty("proxy-id"));
+  }
+  EXPECT_EQ(ids.size(), 8u);
+  EXPECT_EQ(ids.count(""), 0u);
+}
+
+TEST_F(ZvrSrcTest, DefinitionsArriveAsElementMessageAndProperty) {
+  startService({"definition-delay=0"});
+  Playback playback(clipUri("clip.webm"));
+  std::string notified;
+  ASSERT_NE(playback.setState(GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
+  GstMessage* message = nullptr;
+  const auto giveUp = zvr_test::Clock::now() + 10s;
+  while (message == nullptr && zvr_test::Clock::now() < giveUp) {
+    GstMessage* m = playback.waitMessage(GST_MESSAGE_ELEMENT, 1s);
+    if (m != nullptr && gst_message_has_name(m, "zvr-definitions")) {
+      message = m;
+    } else if (m != nullptr) {
+      gst_message_unref(m);
+    }
+  }
+  ASSERT_NE(message, nullptr);
+  const GstStructure* s = gst_message_get_structure(message);
+  const std::string definitions = gst_structure_get_string(s, "definitions");
+  EXPECT_FALSE(definitions.empty());
+  EXPECT_EQ(gst_structure_get_string(s, "proxy-id"), playback.sourceProperty("proxy-id"));
+  EXPECT_EQ(playback.sourceProperty("definitions"), definitions);
+  gst_message_unref(message);
+}
+
+TEST_F(ZvrSrcTest, PlaybinPicksTheElementForEveryZvrScheme) {
+  for (const char* uri :
+       {"zvr+file:///a/b.webm", "zvr+http://127.0.0.1/x.webm", "zvr+https://example.test/x"}) {
+    GError* error = nullptr;
+    GstElement* element = gst_element_make_from_uri(GST_URI_SRC, uri, nullptr, &error);
+    ASSERT_NE(element, nullptr) << uri << ": " << (error ? error->message : "");
+    EXPECT_STREQ(GST_OBJECT_NAME(gst_element_get_factory(element)), "zvrsrc");
+    gchar* back = gst_uri_handler_get_uri(GST_URI_HANDLER(element));
+    EXPECT_STREQ(back, uri);
+    g_free(back);
+    gst_object_unref(gst_object_ref_sink(element));
+  }
+  GstElement* element = gst_element_factory_make("zvrsrc", nullptr);
+  GError* error = nullptr;
+  EXPECT_FALSE(gst_uri_handler_set_uri(GST_URI_HANDLER(element), "file:///a/b.webm", &error));
+  g_clear_error(&error);
+  gst_object_unref(gst_object_ref_sink(element));
+}
+
+}  // namespace
