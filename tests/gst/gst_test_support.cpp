@@ -4,6 +4,7 @@
 
 #include <stdlib.h>
 
+#include <string>
 #include <thread>
 
 #include "test_support.h"
@@ -229,9 +230,18 @@ void ZvrGstTest::TearDown() {
 }  // namespace zvr_test
 
 int main(int argc, char** argv) {
-  // The plugin from the build tree, scanned in this process, into a registry of the build tree;
-  // the leaks tracer without stack traces, which would slow every allocation.
+  // Listing the tests needs no GStreamer.
+  for (int i = 1; i < argc; ++i) {
+    if (std::string(argv[i]) == "--gtest_list_tests") {
+      ::testing::InitGoogleTest(&argc, argv);
+      return RUN_ALL_TESTS();
+    }
+  }
+  // The plugin from the build tree and the system plugins the tests use, scanned in this process,
+  // into a registry of the build tree; the leaks tracer without stack traces, which would slow
+  // every allocation.
   setenv("GST_PLUGIN_PATH", ZVR_GST_PLUGIN_DIR, 1);
+  setenv("GST_PLUGIN_SYSTEM_PATH_1_0", ZVR_GST_SYSTEM_PLUGIN_DIR, 1);
   setenv("GST_REGISTRY_FORK", "no", 1);
   setenv("GST_REGISTRY", ZVR_GST_REGISTRY, 0);
   setenv("GST_TRACERS", "leaks", 0);

@@ -13,10 +13,10 @@ namespace {
 using ::testing::HasSubstr;
 
 std::string runInspect() {
-  std::string command = std::string("env GST_PLUGIN_PATH='") + ZVR_GST_PLUGIN_DIR +
-                        "' GST_REGISTRY='" + ZVR_GST_REGISTRY +
-                        "' GST_REGISTRY_FORK=no GST_TRACERS= " + ZVR_GST_INSPECT_ENV +
-                        " gst-inspect-1.0 zvrsrc 2>&1";
+  std::string command =
+      std::string("env GST_PLUGIN_PATH='") + ZVR_GST_PLUGIN_DIR + "' GST_PLUGIN_SYSTEM_PATH_1_0='" +
+      ZVR_GST_SYSTEM_PLUGIN_DIR + "' GST_REGISTRY='" + ZVR_GST_REGISTRY +
+      "' GST_REGISTRY_FORK=no GST_TRACERS= " + ZVR_GST_INSPECT_ENV + " gst-inspect-1.0 zvrsrc 2>&1";
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) return "";
   std::string output;
