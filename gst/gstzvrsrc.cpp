@@ -186,7 +186,7 @@ bool forwardTimeSeek(GstZvrSrc* src, GstEvent* event) {
 }
 
 gboolean padEvent(GstPad* pad, GstObject* parent, GstEvent* event) {
-  if (forwardTimeSeek(self(parent), event)) return FALSE;
+  if (parent != nullptr && forwardTimeSeek(self(parent), event)) return FALSE;
   return gst_pad_event_default(pad, parent, event);
 }
 
@@ -271,19 +271,21 @@ void runStarted(const std::shared_ptr<zvr_gst::Session>& session,
     bool timedOut = false;
     {
       std::unique_lock<std::mutex> lock(session->mutex);
+      // After the URL or a failure, only definitions and the cancellation are waited for.
+      const bool awaitingUrl = !haveUrl && !failed;
       auto ready = [&] {
-        return session->cancelled || (!haveUrl && !session->url.empty()) ||
-               !session->definitions.empty() || (!haveUrl && session->startFailed);
+        return session->cancelled || !session->definitions.empty() ||
+               (awaitingUrl && (!session->url.empty() || session->startFailed));
       };
-      if (haveUrl || failed) {
+      if (!awaitingUrl) {
         session->changed.wait(lock, ready);
       } else if (!session->changed.wait_until(lock, deadline, ready)) {
         timedOut = true;
       }
       if (session->cancelled) break;
-      if (!haveUrl && !session->url.empty()) {
+      if (awaitingUrl && !session->url.empty()) {
         url = session->url;
-      } else if (!haveUrl && session->startFailed && !failed) {
+      } else if (awaitingUrl && session->startFailed) {
         startFailed = true;
         code = session->failureCode;
         detail = session->failureDetail;

@@ -7,6 +7,7 @@
 #include <signal.h>
 
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -170,6 +171,37 @@ TEST_F(ZvrSrcErrorTest, TeardownWhileTheCreationIsInFlightDiscardsItsResult) {
       1000ms));
   EXPECT_FALSE(playback.waitError(0ms, nullptr));
   EXPECT_EQ(playback.sourceProperty("proxy-id"), "");
+}
+
+TEST_F(ZvrSrcErrorTest, LateUrlForAnElementThatIsGoneIsDropped) {
+  // The start is answered 600 ms late, after its element was torn down and freed.
+  startService({"delay=start:600"});
+  std::string id;
+  {
+    Playback gone(clipUri("clip.webm"));
+    EXPECT_EQ(gone.setState(GST_STATE_PAUSED), GST_STATE_CHANGE_ASYNC);
+    ASSERT_TRUE(bus_->waitRecorded(2, 5000));  // create, start
+    id = gone.sourceProperty("proxy-id");
+    EXPECT_THAT(gone.timedSetState(GST_STATE_NULL), Lt(kNullBound));
+  }
+  ASSERT_FALSE(id.empty());
+  ASSERT_TRUE(bus_->setOption("delay=start:0"));
+  // The late "started" reaches the library, and through it the plugin's dispatch, which owns
+  // no element for that id any more.
+  std::shared_ptr<velmora::ZVRMediaProxyInterface> proxy =
+      velmora::ZVRMediaProxyInterface::getObjectById(id);
+  ASSERT_TRUE(proxy);
+  EXPECT_TRUE(zvr_test::eventually(
+      [&proxy] {
+        auto counters = velmora::getZVRProxyCounters(proxy);
+        auto it = counters->eventsReceived.find("started");
+        return it != counters->eventsReceived.end() && it->second >= 1;
+      },
+      3000ms));
+  Playback next(clipUri("clip.webm"));
+  std::string error;
+  ASSERT_TRUE(next.playToEos(20s, &error)) << error;
+  EXPECT_EQ(next.videoFrames(), 90);
 }
 
 }  // namespace

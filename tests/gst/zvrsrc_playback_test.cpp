@@ -8,6 +8,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "gst_test_support.h"
@@ -89,6 +90,25 @@ TEST_F(ZvrSrcTest, TimeSeekReachingTheElementGoesToTheRemotePlayerAndIsRefused) 
     }
   }
   EXPECT_TRUE(seekSent);
+}
+
+TEST_F(ZvrSrcTest, PlaysAgainAfterGoingBackToReadyWithANewProxy) {
+  startService();
+  Playback playback(clipUri("clip.webm"));
+  std::string error;
+  ASSERT_TRUE(playback.playToEos(20s, &error)) << error;
+  const std::string first = playback.sourceProperty("proxy-id");
+  ASSERT_NE(playback.setState(GST_STATE_READY), GST_STATE_CHANGE_FAILURE);
+  ASSERT_TRUE(playback.waitFrames(90, 1s));
+  ASSERT_TRUE(playback.playToEos(20s, &error)) << error;
+  EXPECT_EQ(playback.videoFrames(), 180);
+  EXPECT_NE(playback.sourceProperty("proxy-id"), first);
+  // The first proxy was stopped when the element left PAUSED.
+  bool stopped = false;
+  for (const auto& command : bus_->recordedCommands()) {
+    if (command.size() > 3 && command[0] == "stop" && command[3] == first) stopped = true;
+  }
+  EXPECT_TRUE(stopped);
 }
 
 TEST_F(ZvrSrcTest, PausesAndResumesWithoutLosingFrames) {
