@@ -108,6 +108,24 @@ TEST_F(ZvrSrcTest, TimeSeekReachingTheElementGoesToTheRemotePlayerAndIsRefused) 
   EXPECT_TRUE(seekSent);
 }
 
+TEST_F(ZvrSrcTest, SrcPadAnswersTheSchedulingQueryAsANetworkSource) {
+  startService();
+  Playback playback(clipUri("clip.webm"));
+  ASSERT_NE(playback.setState(GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
+  ASSERT_TRUE(playback.waitState(GST_STATE_PAUSED, 10s));
+  GstPad* pad = gst_element_get_static_pad(playback.source(), "src");
+  ASSERT_NE(pad, nullptr);
+  EXPECT_EQ(GST_PAD_TEMPLATE_PRESENCE(GST_PAD_PAD_TEMPLATE(pad)), GST_PAD_SOMETIMES);
+  GstQuery* query = gst_query_new_scheduling();
+  ASSERT_TRUE(gst_pad_query(pad, query));
+  GstSchedulingFlags flags;
+  gst_query_parse_scheduling(query, &flags, nullptr, nullptr, nullptr);
+  EXPECT_TRUE(flags & GST_SCHEDULING_FLAG_BANDWIDTH_LIMITED);
+  EXPECT_TRUE(gst_query_has_scheduling_mode(query, GST_PAD_MODE_PUSH));
+  gst_query_unref(query);
+  gst_object_unref(pad);
+}
+
 TEST_F(ZvrSrcTest, PlaysAgainAfterGoingBackToReadyWithANewProxy) {
   startService();
   Playback playback(clipUri("clip.webm"));
