@@ -84,7 +84,6 @@ void onOutcome(const velmora::ZVROutcome& outcome, void* /*userData*/) {
     session->startFailed = true;
     session->failureCode = outcome.code;
     session->failureDetail = outcome.detail;
-    session->failureSeen = std::chrono::steady_clock::now();
     session->changed.notify_all();
   } catch (abi::__forced_unwind&) {
     throw;

@@ -18,7 +18,6 @@
 
 #include <gst/gst.h>
 
-#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <memory>
@@ -43,7 +42,6 @@ struct Session {
   // The proxy, once created and kept; moved out by whoever stops it.
   std::shared_ptr<velmora::ZVRMediaProxyInterface> proxy;
   std::string proxyId;
-  bool started = false;  // start() was sent
 
   // Handed over by the dispatcher.
   std::string url;
@@ -51,7 +49,6 @@ struct Session {
   bool startFailed = false;
   std::string failureCode;
   std::string failureDetail;
-  std::chrono::steady_clock::time_point failureSeen;
 };
 
 // Sets the application callback and the outcome listener, once per process.
