@@ -51,6 +51,9 @@ class BrowserRunner {
   const std::string& folder() const { return dir_; }
   // The last `bytes` of the driver's and browser's output.
   std::string logTail(std::size_t bytes = 3000) const;
+  // The keeper's process while the run lasts, else -1; every process of the run descends
+  // from it.
+  pid_t keeperPid() const { return keeper_; }
   // Whether the keeper reaped every process of the run; valid after stop().
   bool reapedAll() const { return reapedAll_; }
 

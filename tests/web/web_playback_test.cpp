@@ -141,6 +141,12 @@ TEST_F(ZvrFileFailure, WpeWebKitEndsAMissingZvrFileInTheVideosErrorEventWithinFi
   EXPECT_LE(run.error["errorAtMs"].asDouble(), 5000.0);
   EXPECT_NE(run.error["error"].asInt(), 0) << "the video's error attribute";
   EXPECT_TRUE(run.reapedAll);
+  // The failure is the service's: the element asked it to start the missing file.
+  bool asked = false;
+  for (const std::vector<std::string>& r : bus_->recordedCommands()) {
+    asked = asked || (r.size() > 6 && r[0] == "start" && r[6] == "file:///missing.webm");
+  }
+  EXPECT_TRUE(asked) << "no start of file:///missing.webm reached the service";
 }
 
 #endif  // ZVR_GST_PLUGIN_DIR
