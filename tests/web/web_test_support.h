@@ -33,6 +33,7 @@
 #include "media_test_support.h"
 #include "private_bus.h"
 #include "test_support.h"
+#include "web_pages.h"
 #include "webdriver.h"
 #include "zvr_media_proxy_manager.h"
 #include "zvr_media_proxy_object.h"
@@ -78,130 +79,6 @@ class PageServer {
   std::mutex mutex_;
   std::map<std::string, std::string> pages_;
 };
-
-inline std::string htmlAttribute(const std::string& text) {
-  std::string escaped;
-  for (char c : text) {
-    switch (c) {
-      case '&':
-        escaped += "&amp;";
-        break;
-      case '"':
-        escaped += "&quot;";
-        break;
-      case '<':
-        escaped += "&lt;";
-        break;
-      case '>':
-        escaped += "&gt;";
-        break;
-      default:
-        escaped += c;
-    }
-  }
-  return escaped;
-}
-
-// A page with nothing but a muted, autoplaying 320x240 video of `src` at its top left corner,
-// on black. window.zvrEvents lists the video's events as {name, at (ms since navigation), t}.
-inline std::string videoPage(const std::string& src) {
-  return R"(<!DOCTYPE html>
-<html><head><meta charset="utf-8"><title>zvr video</title>
-<style>html, body { margin: 0; background: #000; overflow: hidden; }
-video { display: block; width: 320px; height: 240px; }</style></head>
-<body><video id="v" muted autoplay playsinline src=")" +
-         htmlAttribute(src) + R"("></video>
-<script>
-window.zvrEvents = [];
-(function () {
-  var v = document.getElementById('v');
-  ['loadstart', 'loadedmetadata', 'canplay', 'playing', 'seeking', 'seeked', 'stalled',
-   'error', 'ended'].forEach(function (name) {
-    v.addEventListener(name, function () {
-      window.zvrEvents.push({name: name, at: performance.now(), t: v.currentTime});
-    });
-  });
-})();
-</script></body></html>
-)";
-}
-
-// Waits until the video's currentTime reaches `target` seconds, it fails, or `limitMs` pass.
-// Answers {reached, currentTime, width, height, error, seekableEnd, elapsedMs, events}.
-inline const char* playProbe() {
-  return R"(
-var target = arguments[0], limit = arguments[1], done = arguments[arguments.length - 1];
-var v = document.getElementById('v');
-var begin = performance.now();
-function answer(reached) {
-  var end = v.seekable.length ? v.seekable.end(v.seekable.length - 1) : 0;
-  done({reached: reached, currentTime: v.currentTime, width: v.videoWidth,
-        height: v.videoHeight, error: v.error ? v.error.code : 0,
-        errorMessage: v.error ? String(v.error.message) : '',
-        seekableEnd: end, seekableRanges: v.seekable.length,
-        elapsedMs: performance.now() - begin,
-        events: window.zvrEvents.map(function (e) { return e.name; }).join(',')});
-}
-var timer = setInterval(function () {
-  if (v.currentTime >= target) { clearInterval(timer); answer(true); }
-  else if (v.error) { clearInterval(timer); answer(false); }
-  else if (performance.now() - begin > limit) { clearInterval(timer); answer(false); }
-}, 10);
-)";
-}
-
-// Seeks to `position` and waits for "seeked" (at most `limitMs`).
-// Answers {seeked, currentTime, seekMs}.
-inline const char* seekProbe() {
-  return R"(
-var position = arguments[0], limit = arguments[1], done = arguments[arguments.length - 1];
-var v = document.getElementById('v');
-var begin = performance.now();
-var timer = setTimeout(function () {
-  done({seeked: false, currentTime: v.currentTime, seekMs: performance.now() - begin});
-}, limit);
-v.addEventListener('seeked', function () {
-  clearTimeout(timer);
-  done({seeked: true, currentTime: v.currentTime, seekMs: performance.now() - begin});
-}, {once: true});
-v.currentTime = position;
-)";
-}
-
-// Waits for the video's "error" event, counted from navigation (at most `limitMs` after it).
-// Answers {error, errorAtMs, currentTime, events}.
-inline const char* errorProbe() {
-  return R"(
-var limit = arguments[0], done = arguments[arguments.length - 1];
-var v = document.getElementById('v');
-function found() {
-  for (var i = 0; i < window.zvrEvents.length; ++i) {
-    if (window.zvrEvents[i].name === 'error') return window.zvrEvents[i];
-  }
-  return null;
-}
-var timer = setInterval(function () {
-  var e = found();
-  if (e || performance.now() > limit) {
-    clearInterval(timer);
-    done({error: v.error ? v.error.code : 0, errorAtMs: e ? e.at : -1,
-          currentTime: v.currentTime,
-          events: window.zvrEvents.map(function (x) { return x.name; }).join(',')});
-  }
-}, 10);
-)";
-}
-
-// Ends the video's player: the element lets its media go, as when a page drops a video.
-inline const char* releaseVideoScript() {
-  return R"(
-var v = document.getElementById('v');
-v.pause();
-v.removeAttribute('src');
-v.load();
-return true;
-)";
-}
 
 // What one page run measured; `failure` is empty when it went as expected.
 struct PageRun {
