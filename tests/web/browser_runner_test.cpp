@@ -11,10 +11,16 @@
 
 #include <filesystem>
 #include <fstream>
+#include <ostream>
 #include <set>
 #include <sstream>
 #include <string>
 #include <vector>
+
+namespace zvr_test {
+// The engine's name in test names and messages.
+void PrintTo(Engine engine, std::ostream* out) { *out << engineName(engine); }
+}  // namespace zvr_test
 
 namespace {
 
