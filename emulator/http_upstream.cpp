@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdlib>
 #include <cstring>
 
 namespace zvr_emulator {
@@ -62,10 +61,37 @@ bool parseDecimal(const std::string& text, std::int64_t max, std::int64_t* value
   return true;
 }
 
+// A chunk size: hex digits only (no sign, no blanks, which strtoull would accept), at most 15 of
+// them, so the value stays far inside int64_t.
+bool parseHex(const std::string& text, std::int64_t* value) {
+  if (text.empty() || text.size() > 15) return false;
+  std::int64_t v = 0;
+  for (char c : text) {
+    const int digit = std::isdigit(static_cast<unsigned char>(c)) ? c - '0'
+                      : (c >= 'a' && c <= 'f')                    ? c - 'a' + 10
+                      : (c >= 'A' && c <= 'F')                    ? c - 'A' + 10
+                                                                  : -1;
+    if (digit < 0) return false;
+    v = v * 16 + digit;
+  }
+  *value = v;
+  return true;
+}
+
 }  // namespace
 
 URLCheck parseLoopbackURL(const std::string& url, LoopbackURL* parsed, std::string* error) {
   const std::string scheme = "http://";
+  // The URL goes into the request line and the Host header as it is: a blank or a control
+  // character would split them or add headers of the sender's choosing.
+  const bool printable = std::all_of(url.begin(), url.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte > 0x20 && byte != 0x7f;
+  });
+  if (!printable) {
+    *error = "blank or control character in the URL";
+    return URLCheck::kMalformed;
+  }
   if (lowerCase(url.substr(0, scheme.size())) != scheme) {
     *error = "not an http:// URL";
     return URLCheck::kMalformed;
@@ -365,10 +391,8 @@ long UpstreamExchange::readChunked(char* buffer, std::size_t size, Clock::time_p
     }
     const int got = readLine(&line, deadline);
     if (got != 1) return got == kNothingYet ? kNothingYet : -1;
-    const std::string digits = trimmed(line.substr(0, line.find(';')));
-    char* end = nullptr;
-    const unsigned long long chunk = std::strtoull(digits.c_str(), &end, 16);
-    if (digits.empty() || *end != '\0' || digits.size() > 15) return -1;
+    std::int64_t chunk = 0;
+    if (!parseHex(trimmed(line.substr(0, line.find(';'))), &chunk)) return -1;
     if (chunk == 0) {
       do {  // trailer fields, up to the empty line; they come with the last chunk
         if (readLine(&line, deadline) != 1) return -1;

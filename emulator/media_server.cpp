@@ -240,7 +240,8 @@ void MediaServer::handle(const httplib::Request& request, httplib::Response& res
   ServingFaults faults;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    auto it = sessions_.find(request.path);
+    // By the path as sent: the server library decodes `path`, and the URL escapes the object id.
+    auto it = sessions_.find(request.target.substr(0, request.target.find('?')));
     if (it != sessions_.end()) session = it->second;
     faults = faults_;
   }

@@ -226,7 +226,9 @@ class HttpSource : public MediaSource {
 };
 
 OpenedSource openFile(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  // O_NONBLOCK: a FIFO without a writer would otherwise block the open, and with it every answer
+  // of the service; what is not a regular file is refused below. Regular files ignore the flag.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
   if (fd < 0) {
     const int error = errno;
     const char* code = error == EACCES || error == EPERM ? "403" : "404";

@@ -4,14 +4,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <linux/capability.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <random>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -161,6 +166,19 @@ TEST_F(MediaServingTest, ClosedURLAnswers404AndOtherURLsStayServed) {
   EXPECT_EQ(request(second).status, 200);
   EXPECT_EQ(request(server_.base() + "/media/zvr-test-1/0123456789abcdef").status, 404);
   EXPECT_EQ(request(server_.base() + "/other").status, 404);
+}
+
+TEST_F(MediaServingTest, ObjectIdsThatNeedEscapingAreServedAtTheirURL) {
+  const OpenedSource opened =
+      zvr_emulator::openMediaSource(clipPath("clip.webm"), Clock::now() + std::chrono::seconds(2));
+  ASSERT_EQ(opened.code, "200");
+  for (const char* id : {"a b", "x/y", "%41", "caf\xc3\xa9?#"}) {
+    SCOPED_TRACE(id);
+    const std::string url = server_.open(id, opened.source);
+    EXPECT_EQ(request(url, "HEAD").status, 200) << url;
+    server_.close(url);
+    EXPECT_EQ(request(url, "HEAD").status, 404) << url;
+  }
 }
 
 TEST_F(MediaServingTest, ClosingEndsAResponseInProgress) {
@@ -412,12 +430,37 @@ TEST_F(FailingSourceTest, MissingFileOrDirectoryIs404) {
   EXPECT_EQ(open(dir.path()).code, "404");
 }
 
+// Root reads every file through CAP_DAC_OVERRIDE and CAP_DAC_READ_SEARCH; this test process
+// gives them up (from its effective set only), so that a file's mode counts as for a service
+// that runs as an ordinary user.
+void dropFileReadOverride() {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct data[2]{};
+  ASSERT_EQ(syscall(SYS_capget, &header, data), 0);
+  for (int capability : {CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH}) {
+    data[capability / 32].effective &= ~(1u << (capability % 32));
+  }
+  ASSERT_EQ(syscall(SYS_capset, &header, data), 0);
+}
+
 TEST_F(FailingSourceTest, UnreadableFileIs403) {
-  if (geteuid() == 0) GTEST_SKIP() << "root reads every file";
+  dropFileReadOverride();
   zvr_test::TempDir dir;
   const std::string path = dir.file("locked.webm", readFile(clipPath("clip.webm")));
   ASSERT_EQ(chmod(path.c_str(), 0), 0);
   EXPECT_EQ(open(path).code, "403");
+}
+
+TEST_F(FailingSourceTest, FifoOrDeviceIs404WithoutWaitingForAWriter) {
+  zvr_test::TempDir dir;
+  const std::string fifo = dir.path() + "/pipe.webm";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const Clock::time_point begin = Clock::now();
+  const OpenedSource opened = open(fifo);
+  EXPECT_EQ(opened.code, "404");
+  EXPECT_THAT(opened.detail, HasSubstr("not a regular file"));
+  EXPECT_EQ(open("file:///dev/null").code, "404");
+  EXPECT_LT(secondsSince(begin), 1.0);
 }
 
 TEST_F(FailingSourceTest, ContentThatIsNoMediaContainerIs415) {
@@ -473,6 +516,117 @@ TEST_F(FailingSourceTest, UpstreamThatDoesNotAnswerIs504ByTheDeadline) {
   EXPECT_EQ(silent.code, "504");
   EXPECT_GE(elapsed, 0.14);
   EXPECT_LT(elapsed, 0.45);
+}
+
+// A loopback upstream that answers every connection with the same bytes, whatever was asked,
+// and then closes it: for answers that a well-behaved server library never gives.
+class ScriptedUpstream {
+ public:
+  explicit ScriptedUpstream(std::string answer) : answer_(std::move(answer)) {
+    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        listen(listener_, 8) != 0 ||
+        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+      throw std::runtime_error("cannot listen on the loopback");
+    }
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this] { serve(); });
+  }
+  ~ScriptedUpstream() {
+    stopping_ = true;
+    shutdown(listener_, SHUT_RDWR);
+    thread_.join();
+    close(listener_);
+  }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/a.webm"; }
+  // The head of the last request, as it arrived.
+  std::string lastRequest() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lastRequest_;
+  }
+
+ private:
+  void serve() {
+    while (!stopping_) {
+      const int connection = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+      if (connection < 0) return;
+      std::string head;
+      char buffer[1024];
+      while (head.find("\r\n\r\n") == std::string::npos) {
+        const ssize_t n = recv(connection, buffer, sizeof buffer, 0);
+        if (n <= 0) break;
+        head.append(buffer, static_cast<std::size_t>(n));
+      }
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lastRequest_ = head;
+      }
+      send(connection, answer_.data(), answer_.size(), MSG_NOSIGNAL);
+      close(connection);
+    }
+  }
+
+  const std::string answer_;
+  int listener_ = -1;
+  int port_ = 0;
+  std::atomic<bool> stopping_{false};
+  std::thread thread_;
+  std::mutex mutex_;
+  std::string lastRequest_;
+};
+
+TEST_F(FailingSourceTest, UpstreamRefusalsAndBrokenAnswersGetTheirCodes) {
+  struct Case {
+    const char* answer;
+    const char* code;
+  };
+  const Case cases[] = {
+      {"HTTP/1.1 401 Unauthorized\r\nContent-Length: 0\r\n\r\n", "403"},
+      {"HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n", "403"},
+      {"HTTP/1.1 410 Gone\r\nContent-Length: 0\r\n\r\n", "404"},
+      {"HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */0\r\n\r\n", "415"},
+      {"HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\n\r\n", "502"},
+      {"SSH-2.0-OpenSSH_9.2\r\n", "502"},        // not HTTP at all
+      {"", "502"},                               // closed without an answer
+      {"HTTP/1.1 200 OK\r\nContent-Le", "502"},  // closed within the head
+      {"HTTP/1.1 200 OK\r\nContent-Length: 4096\r\n\r\n\x1a\x45", "502"},  // body broke off
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.answer);
+    ScriptedUpstream upstream(c.answer);
+    const OpenedSource opened = open(upstream.url());
+    EXPECT_EQ(opened.code, c.code);
+    EXPECT_FALSE(opened.detail.empty());
+    EXPECT_EQ(opened.source, nullptr);
+  }
+}
+
+// Chunk sizes that a lenient number parser would take: a negative one once became a copy of
+// nearly the whole address space.
+TEST_F(FailingSourceTest, ChunkSizesThatAreNoHexNumberBreakTheAnswer) {
+  for (const char* size : {"-1", "+10", " 10", "0x10", "1g", "", "ffffffffffffffff"}) {
+    SCOPED_TRACE(size);
+    ScriptedUpstream upstream(std::string("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n") +
+                              size + "\r\n\x1a\x45\xdf\xa3\r\n0\r\n\r\n");
+    EXPECT_EQ(open(upstream.url()).code, "502");
+  }
+}
+
+TEST_F(FailingSourceTest, BlanksOrControlCharactersInAnHttpSourceAre400AndNothingIsSent) {
+  ScriptedUpstream upstream("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
+  for (const std::string& tail : {std::string("\r\nX-Injected: 1"), std::string(" HTTP/1.0"),
+                                  std::string("\n"), std::string("\x7f")}) {
+    const OpenedSource opened = open(upstream.url() + tail);
+    EXPECT_EQ(opened.code, "400");
+    EXPECT_THAT(opened.detail, HasSubstr("control character"));
+  }
+  EXPECT_EQ(upstream.lastRequest(), "");
+  EXPECT_EQ(open(upstream.url()).code, "404");  // the same upstream, asked properly
+  EXPECT_THAT(upstream.lastRequest(), StartsWith("GET /a.webm HTTP/1.1\r\n"));
 }
 
 TEST_F(FailingSourceTest, UpstreamOffTheLoopbackIs403) {
