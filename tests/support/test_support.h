@@ -89,13 +89,14 @@ class CallbackRecorder {
   }
 };
 
-// Polls `condition` every few milliseconds until it holds or `timeout` passes.
+// Polls `condition` every `every` until it holds or `timeout` passes.
 inline bool eventually(const std::function<bool()>& condition,
-                       std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) {
+                       std::chrono::milliseconds timeout = std::chrono::milliseconds(5000),
+                       std::chrono::milliseconds every = std::chrono::milliseconds(2)) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   while (!condition()) {
     if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    std::this_thread::sleep_for(every);
   }
   return true;
 }

@@ -88,9 +88,18 @@ int main(int argc, char** argv) {
     return 2;
   }
   signal(SIGPIPE, SIG_IGN);
-  // SIGTERM and SIGINT end the wait just as the end of the input does.
+  // SIGTERM and SIGINT end the wait just as the end of the input does. They stay blocked but
+  // inside ppoll(), so one that arrives while the keeper reaps is held until the next ppoll()
+  // instead of being lost between two calls.
   signal(SIGTERM, [](int) {});
   signal(SIGINT, [](int) {});
+  sigset_t stopSignals, waitMask;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGTERM);
+  sigaddset(&stopSignals, SIGINT);
+  sigprocmask(SIG_BLOCK, &stopSignals, &waitMask);
+  sigdelset(&waitMask, SIGTERM);
+  sigdelset(&waitMask, SIGINT);
 
   const pid_t driver = fork();
   if (driver < 0) {
@@ -104,6 +113,7 @@ int main(int argc, char** argv) {
     if (null >= 0) dup2(null, 0);
     signal(SIGTERM, SIG_DFL);
     signal(SIGINT, SIG_DFL);
+    sigprocmask(SIG_UNBLOCK, &stopSignals, nullptr);  // a blocked mask would outlive exec
     execvp(argv[1], argv + 1);
     perror("keeper: exec");
     _exit(127);
@@ -113,7 +123,8 @@ int main(int argc, char** argv) {
   bool driverRunning = true;
   for (;;) {
     pollfd input{0, POLLIN, 0};
-    const int ready = poll(&input, 1, 100);
+    const timespec tick{0, 100 * 1000000L};
+    const int ready = ppoll(&input, 1, &tick, &waitMask);
     if (ready < 0 && errno == EINTR) break;  // SIGTERM or SIGINT
     if (ready > 0) {
       char byte;

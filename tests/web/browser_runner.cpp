@@ -111,9 +111,10 @@ bool BrowserRunner::spawnKeeper(int port, std::string* error) {
     argv.push_back(ZVR_WPE_DRIVER_PATH);
     argv.push_back("--port=" + std::to_string(port));
   } else {
+    // No --allowed-ips: with it chromedriver listens on every interface and filters peers
+    // afterwards; without it, it listens on the loopback only.
     argv.push_back(ZVR_CHROMEDRIVER_PATH);
     argv.push_back("--port=" + std::to_string(port));
-    argv.push_back("--allowed-ips=127.0.0.1");
   }
 
   std::map<std::string, std::string> environment;
@@ -149,6 +150,8 @@ bool BrowserRunner::spawnKeeper(int port, std::string* error) {
   posix_spawn_file_actions_adddup2(&actions, input[0], 0);
   posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
   posix_spawn_file_actions_adddup2(&actions, 1, 2);
+  // The test's own descriptors (its page server's socket, a lock) stay with the test.
+  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
   pid_t pid = -1;
   const int spawned = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
@@ -160,6 +163,7 @@ bool BrowserRunner::spawnKeeper(int port, std::string* error) {
   }
   keeper_ = pid;
   keeperInput_ = input[1];
+  driverPort_ = port;
   return true;
 }
 

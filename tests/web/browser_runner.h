@@ -54,6 +54,8 @@ class BrowserRunner {
   // The keeper's process while the run lasts, else -1; every process of the run descends
   // from it.
   pid_t keeperPid() const { return keeper_; }
+  // The loopback port the driver listens on, once started.
+  int driverPort() const { return driverPort_; }
   // Whether the keeper reaped every process of the run; valid after stop().
   bool reapedAll() const { return reapedAll_; }
 
@@ -66,6 +68,7 @@ class BrowserRunner {
   std::string dir_;
   pid_t keeper_ = -1;
   int keeperInput_ = -1;
+  int driverPort_ = -1;
   bool reapedAll_ = false;
   std::unique_ptr<WebDriver> driver_;
 };

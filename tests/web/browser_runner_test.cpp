@@ -9,6 +9,7 @@
 
 #include <errno.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <ostream>
@@ -28,18 +29,47 @@ using zvr_test::BrowserOptions;
 using zvr_test::BrowserRunner;
 using zvr_test::Engine;
 
-// The parent of `pid` from /proc, or -1.
-int parentOf(int pid) {
+// The parent and the process group of `pid` from /proc; -1 each when it is gone.
+struct Lineage {
+  int parent = -1;
+  int group = -1;
+};
+Lineage lineageOf(int pid) {
+  Lineage lineage;
   std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
   std::string text;
-  if (!std::getline(stat, text)) return -1;
+  if (!std::getline(stat, text)) return lineage;
+  // "pid (name) state ppid pgrp ...": the name may hold anything, so read after its last ')'.
   const std::size_t end = text.rfind(')');
-  if (end == std::string::npos) return -1;
+  if (end == std::string::npos) return lineage;
   std::istringstream rest(text.substr(end + 1));
   char state = 0;
-  int parent = -1;
-  rest >> state >> parent;
-  return parent;
+  rest >> state >> lineage.parent >> lineage.group;
+  return lineage;
+}
+int parentOf(int pid) { return lineageOf(pid).parent; }
+
+// The local addresses of the TCP sockets listening on `port`, from /proc/net/tcp and tcp6, in
+// the kernel's hexadecimal form ("0100007F" is 127.0.0.1).
+std::vector<std::string> listeningAddresses(int port) {
+  std::vector<std::string> found;
+  char portHex[8];
+  std::snprintf(portHex, sizeof portHex, "%04X", port);
+  for (const char* table : {"/proc/net/tcp", "/proc/net/tcp6"}) {
+    std::ifstream file(table);
+    std::string line;
+    std::getline(file, line);  // the column names
+    while (std::getline(file, line)) {
+      std::istringstream fields(line);
+      std::string slot, local, remote, state;
+      fields >> slot >> local >> remote >> state;
+      const std::size_t colon = local.find(':');
+      if (state == "0A" && colon != std::string::npos && local.substr(colon + 1) == portHex) {
+        found.push_back(local.substr(0, colon));
+      }
+    }
+  }
+  return found;
 }
 
 // Every living process that descends from `root`.
@@ -114,16 +144,33 @@ TEST_P(BrowserRunnerTest, AKilledDriverTakesItsBrowserWithIt) {
   ASSERT_TRUE(browser.start(&error)) << error;
   const std::set<int> processes = descendants(browser.keeperPid());
   ASSERT_FALSE(processes.empty());
-  // The driver is the keeper's one child while nothing has been orphaned yet.
+  // The driver is the keeper's child that leads a process group of its own; the orphans the
+  // keeper adopted (Chromium's crash handler) are its children too, in the driver's group.
   int driver = -1;
   for (int pid : processes) {
-    if (parentOf(pid) == browser.keeperPid()) driver = pid;
+    const Lineage lineage = lineageOf(pid);
+    if (lineage.parent == browser.keeperPid() && lineage.group == pid) driver = pid;
   }
   ASSERT_GT(driver, 0);
   kill(driver, SIGKILL);
   browser.stop();
   EXPECT_TRUE(browser.reapedAll());
   for (int pid : processes) EXPECT_FALSE(exists(pid)) << "process " << pid << " is left";
+}
+
+// The driver takes commands that start programs: it must be reachable from this machine only.
+TEST_P(BrowserRunnerTest, DriverListensOnTheLoopbackOnly) {
+  BrowserOptions options;
+  options.engine = GetParam();
+  BrowserRunner browser(options);
+  std::string error;
+  ASSERT_TRUE(browser.start(&error)) << error;
+  const std::vector<std::string> addresses = listeningAddresses(browser.driverPort());
+  ASSERT_FALSE(addresses.empty()) << "nothing listens on port " << browser.driverPort();
+  for (const std::string& address : addresses) {
+    EXPECT_TRUE(address == "0100007F" || address == "00000000000000000000000001000000")
+        << "the driver listens on " << address << ", not on the loopback";
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Engines, BrowserRunnerTest,

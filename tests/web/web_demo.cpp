@@ -13,6 +13,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <set>
@@ -117,6 +118,10 @@ int run(const std::string& clip, const std::string& pluginDir, const std::string
   zvr_test::BrowserOptions options;
   options.engine = zvr_test::Engine::kWpe;
   options.environment["GST_PLUGIN_PATH"] = pluginDir;
+  // The browser's processes reach no session bus but the demo's private one.
+  if (const char* bus = getenv("ZVR_DBUS_ADDRESS")) {
+    options.environment["DBUS_SESSION_BUS_ADDRESS"] = bus;
+  }
   zvr_test::BrowserRunner browser(options);
   const std::string page = browser.folder() + "/page.html";
   std::ofstream(page) << zvr_test::videoPage("zvr+file://" + clip);
