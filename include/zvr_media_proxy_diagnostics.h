@@ -8,13 +8,15 @@
 //   - counters per proxy and for the process, read as a copy at any time.
 // Nothing here changes what the library sends, logs or waits for.
 //
-// Threads: listeners are called on the library's outcome thread, one outcome at a time, in the
-// order the outcomes arose, and never while that thread holds a library lock; an outcome that
-// arises while its thread holds the manager mutex or a proxy's mutex (a restart during an
-// asynchronous creation, a failure seen by a proxy's event handler) is handed over when that lock
-// is released. A listener may call any operation of the library, a creation included; while it
-// runs, later outcomes wait. The outcome thread starts with the first listener and lives until
-// the process ends.
+// Threads: listeners are called on the library's outcome thread, one outcome at a time, never
+// while that thread holds a library lock. Outcomes reach it in the order in which the threads that
+// raised them handed them over: the outcomes of one thread in the order they arose. An outcome
+// that arises while its thread holds the manager mutex or a proxy's mutex (a restart during an
+// asynchronous creation) is handed over when that lock is released, so an outcome of another
+// thread may come before it (compare ZVROutcome::time where the order across threads matters).
+// A listener may call any operation of the library, a creation included; while it runs, later
+// outcomes wait. The outcome thread starts with the first listener and lives until the process
+// ends.
 //
 // Copies: ZVROutcome, ZVRProxyCounters and ZVRProcessCounters are made by the library and only
 // ever grow at their end, so a host built against an older header reads the fields it knows.
@@ -35,14 +37,18 @@ namespace velmora {
 
 struct ZVROutcome {
   enum Kind : int32_t {
-    // A "created", "started", "stopped" or "seeked" answer whose result code is not "200".
-    // An answer that reaches the library twice (synchronous mode) is reported once.
+    // A "created", "started", "stopped" or "seeked" answer whose result code is not "200",
+    // also for a proxy that is not registered (proxy is then null). An answer that reaches the
+    // library twice (synchronous mode) is reported once: answers of the same name, session id
+    // and proxy id count as one, which also merges the answers to the two "create" commands
+    // that a synchronous creation sends with one session id.
     kFailedAnswer = 1,
     // A synchronous request's 250 ms wait for its answer ran out.
     kWaitTimedOut = 2,
     // A creation without id returned a proxy with the empty id.
     kCreationEmpty = 3,
-    // The library asked the platform to start the media service again.
+    // The library asked the platform to start the media service again (not reported when there
+    // is no connection to the platform to ask through).
     kServiceRestart = 4,
   };
 
@@ -72,11 +78,15 @@ typedef void (*ZVROutcomeListener)(const ZVROutcome& outcome, void* userData);
 // Adds a listener; false when it is null or the same (listener, userData) pair is already added.
 ZVR_EXPORT bool addZVROutcomeListener(ZVROutcomeListener listener, void* userData);
 // Removes a listener; false when the pair was not added. When it returns, that listener is not
-// running and will not be called again, unless the call comes from that listener itself, which
-// then finishes its current call and is not called again. Outcomes that arose before the removal
-// and are still queued are not delivered to it.
+// running and will not be called again, with two exceptions where waiting for it could deadlock:
+// a call from that listener itself, and a call made while the library holds a lock on this
+// thread (from inside the "url" notification). The listener then may still be finishing its
+// current call, and is not called again. Outcomes that arose before the removal and are still
+// queued are not delivered to it.
 ZVR_EXPORT bool removeZVROutcomeListener(ZVROutcomeListener listener, void* userData);
 
+// A copy never shows a failure without the event that carried it, nor an answer without the
+// command it answers (a command is counted just before it is sent).
 struct ZVRProxyCounters {
   // Command messages this proxy sent, by command word ("start", "stop", "seek", "preload").
   std::map<std::string, uint64_t> commandsSent;

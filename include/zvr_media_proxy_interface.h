@@ -20,9 +20,14 @@
 //   - its commands (start, stop, pause, seek, preload) are deferred: they run on the same thread,
 //     in call order, right after the notification, so their effect lands after the move to
 //     state 2 (stop() from there leaves the proxy idle);
-//   - other proxies and the manager may be used as anywhere else. A creation without id called
-//     there in asynchronous mode cannot be answered, since the listener thread that would deliver
-//     its "created" answer is the caller: it returns after its bounded wait (a little more than
+//   - calls on other proxies are not deferred: they take that proxy's mutex. If the other proxy
+//     can be inside its own "url" notification at the same time (on another thread) and that
+//     notification calls back into this proxy, the two threads wait for each other for good. A
+//     host that acts on other players from a notification must make sure their notifications do
+//     not call back (or hand the work to a thread of its own);
+//   - the manager may be used as anywhere else. A creation without id called there in
+//     asynchronous mode cannot be answered, since the listener thread that would deliver its
+//     "created" answer is the caller: it returns after its bounded wait (a little more than
 //     2.2 s) with a proxy of the empty id, having restarted the service once.
 
 #ifndef ZVR_MEDIA_PROXY_INTERFACE_H_

@@ -12,6 +12,8 @@
 #ifndef ZVR_LOG_ZVR_LOG_H_
 #define ZVR_LOG_ZVR_LOG_H_
 
+#include <pthread.h>
+
 #include "log_utils.h"
 
 namespace velmora {
@@ -46,10 +48,17 @@ class TraceGuard {
       cspDebugOutput0("[TRACE -> %s(IN)] %s:%d:%s() \n", function_, baseName_, line_, function_);
     }
   }
+  // The OUT line is written with the thread's cancellation disabled: the output may be a
+  // cancellation point, and a cancellation acted upon inside a destructor, which may not throw,
+  // ends the process instead of unwinding the thread. A deliberate deviation from the plain
+  // pattern, which writes the line as it is.
   ~TraceGuard() {
     if (isEnabled(kVerbose)) {
+      int cancelState = PTHREAD_CANCEL_ENABLE;
+      pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
       cspDebugOutput0("[TRACE <- %s(OUT)] %s:%d:%s() \n", function_, log_blog_base_name(baseName_),
                       line_, function_);
+      pthread_setcancelstate(cancelState, nullptr);
     }
   }
   TraceGuard(const TraceGuard&) = delete;

@@ -21,6 +21,7 @@ struct State {
   int outputCalls = 0;
   int levelChecks = 0;
   int baseNameCalls = 0;
+  void (*outputHook)(const std::string& text) = nullptr;
 };
 
 State& state() {
@@ -113,6 +114,11 @@ std::vector<std::vector<unsigned int>> CapturedLog::levelRecords() const {
   return state().levelRecords;
 }
 
+void CapturedLog::setOutputHook(void (*hook)(const std::string& text)) {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  state().outputHook = hook;
+}
+
 int CapturedLog::outputCalls() const {
   std::lock_guard<std::mutex> lock(state().mutex);
   return state().outputCalls;
@@ -151,10 +157,15 @@ extern "C" void cspDebugOutput0(const char* format, ...) {
   std::vsnprintf(&text[0], text.size(), format, args);
   va_end(args);
   text.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
-  zvr_test::LogLine line = zvr_test::parse(zvr_test::lastSeverity, std::move(text));
-  std::lock_guard<std::mutex> lock(state().mutex);
-  ++state().outputCalls;
-  state().lines.push_back(std::move(line));
+  zvr_test::LogLine line = zvr_test::parse(zvr_test::lastSeverity, text);
+  void (*hook)(const std::string&) = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    ++state().outputCalls;
+    state().lines.push_back(std::move(line));
+    hook = state().outputHook;
+  }
+  if (hook != nullptr) hook(text);
 }
 
 extern "C" const char* log_blog_base_name(const char* path) {

@@ -43,6 +43,10 @@ class CapturedLog {
   // Every level record checked, in order (three words each).
   std::vector<std::vector<unsigned int>> levelRecords() const;
 
+  // Called on the writing thread after each line is kept, outside the log's lock; null for
+  // none. A test can make the output a cancellation point with it.
+  void setOutputHook(void (*hook)(const std::string& text));
+
   int outputCalls() const;
   int levelChecks() const;
   int baseNameCalls() const;

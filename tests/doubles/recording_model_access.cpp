@@ -1,5 +1,7 @@
 #include "recording_model_access.h"
 
+#include <poll.h>
+
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -38,6 +40,8 @@ struct State {
   bool throwFromConstructor = false;
   bool throwFromStart = false;
   bool throwFromStartEventListener = false;
+  std::string lifecycleBlock;
+  std::map<std::string, int> blockedIn;
   std::map<std::string, std::vector<std::string>> values;
   ModelAccessRecorder::Hook hook;
   std::vector<AccessCall> calls;
@@ -57,6 +61,31 @@ struct State {
 State& state() {
   static State* const s = new State;
   return *s;
+}
+
+// Blocks while `step` is the lifecycle block, polling: poll is a cancellation point, so the
+// thread can be cancelled here. The count is kept right also when it is.
+void waitWhileBlocked(const char* step) {
+  State& s = state();
+  {
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (s.lifecycleBlock != step) return;
+    ++s.blockedIn[step];
+  }
+  struct Leave {
+    const char* step;
+    ~Leave() {
+      std::lock_guard<std::mutex> lock(state().mutex);
+      --state().blockedIn[step];
+    }
+  } leave{step};
+  for (;;) {
+    {
+      std::lock_guard<std::mutex> lock(s.mutex);
+      if (s.lifecycleBlock != step) return;
+    }
+    poll(nullptr, 0, 5);
+  }
 }
 
 void Connection::listen() {
@@ -87,6 +116,7 @@ struct ZVRModelAccess::Impl : zvr_test::Connection {
 };
 
 ZVRModelAccess::ZVRModelAccess(ZVRModelAccessClient* client) {
+  zvr_test::waitWhileBlocked("construct");
   zvr_test::State& s = zvr_test::state();
   std::lock_guard<std::mutex> lock(s.mutex);
   ++s.constructorAttempts;
@@ -130,6 +160,7 @@ ZVRModelAccess::~ZVRModelAccess() {
 }
 
 int ZVRModelAccess::start() {
+  zvr_test::waitWhileBlocked("start");
   zvr_test::State& s = zvr_test::state();
   std::lock_guard<std::mutex> lock(s.mutex);
   ++s.starts;
@@ -139,6 +170,7 @@ int ZVRModelAccess::start() {
 }
 
 int ZVRModelAccess::startEventListener() {
+  zvr_test::waitWhileBlocked("listen");
   zvr_test::State& s = zvr_test::state();
   {
     std::lock_guard<std::mutex> lock(s.mutex);
@@ -204,6 +236,17 @@ void ModelAccessRecorder::setThrowFromStart(bool enabled) {
 void ModelAccessRecorder::setThrowFromStartEventListener(bool enabled) {
   std::lock_guard<std::mutex> lock(state().mutex);
   state().throwFromStartEventListener = enabled;
+}
+
+void ModelAccessRecorder::setLifecycleBlock(const std::string& step) {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  state().lifecycleBlock = step;
+}
+
+int ModelAccessRecorder::blockedIn(const std::string& step) const {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  auto it = state().blockedIn.find(step);
+  return it != state().blockedIn.end() ? it->second : 0;
 }
 
 void ModelAccessRecorder::setValue(const std::string& key, std::vector<std::string> values) {

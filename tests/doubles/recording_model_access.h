@@ -38,6 +38,11 @@ class ModelAccessRecorder {
   void setThrowFromConstructor(bool enabled);
   void setThrowFromStart(bool enabled);
   void setThrowFromStartEventListener(bool enabled);
+  // While set to "construct", "start" or "listen", that lifecycle call of every connection
+  // blocks in a cancellation point (poll) until the block is lifted ("" lifts it), so that a
+  // test can cancel the calling thread inside it. blockedIn() tells how many threads wait there.
+  void setLifecycleBlock(const std::string& step);
+  int blockedIn(const std::string& step) const;
 
   // getAccessValue(key) copies these values and returns 0; an unset key returns -1.
   void setValue(const std::string& key, std::vector<std::string> values);

@@ -17,6 +17,7 @@
 #include <memory>
 #include <string>
 
+#include "capturing_log.h"
 #include "host_thread.h"
 #include "recording_model_access.h"
 #include "service_double.h"
@@ -31,6 +32,7 @@ using ::testing::StartsWith;
 using velmora::ZVRMediaProxyInterface;
 using velmora::ZVRMediaProxyManager;
 using velmora::ZVRMediaProxyManagerInterface;
+using zvr_test::HostThread;
 using zvr_test::ModelAccessRecorder;
 using zvr_test::ServiceDouble;
 using zvr_test::ShmWriter;
@@ -104,6 +106,99 @@ TEST_F(CancellationTest, CancelledLivenessProbeUnwindsAndTheNextProbeFindsTheSer
 
   service.setAllSilent(false);
   EXPECT_TRUE(manager()->checkZVRServiceAlive());
+}
+
+// The catch-alls around the platform while the manager builds its connection: a thread
+// cancelled inside the model access's constructor, start() or startEventListener() unwinds
+// through createModelAccess and the facade instead of ending the process, and the next call
+// builds a new connection.
+class ConnectionCancellationTest : public CancellationTest {
+ protected:
+  void TearDown() override {
+    recorder().setLifecycleBlock("");
+    CancellationTest::TearDown();
+  }
+
+  // Runs a creation through the facade on a host thread that blocks in `step` and cancels it
+  // there.
+  HostThread::Outcome cancelCreationIn(const std::string& step) {
+    recorder().setLifecycleBlock(step);
+    HostThread host([this] { facade()->createNewZVRMediaProxy(); });
+    const HostThread::Outcome outcome =
+        host.cancelOnceBlocked([step] { return recorder().blockedIn(step) > 0; });
+    recorder().setLifecycleBlock("");
+    return outcome;
+  }
+
+  void expectTheNextCreationGetsAnId() {
+    EXPECT_EQ(recorder().blockedIn("construct") + recorder().blockedIn("start") +
+                  recorder().blockedIn("listen"),
+              0);
+    std::shared_ptr<ZVRMediaProxyInterface> proxy = facade()->createNewZVRMediaProxy();
+    ASSERT_NE(proxy, nullptr);
+    EXPECT_THAT(proxy->id(), StartsWith("obj-"));
+  }
+};
+
+TEST_F(ConnectionCancellationTest, CancelledInTheConnectionsConstructorUnwindsThroughTheFacade) {
+  ServiceDouble service(nullptr, ServiceDouble::Delivery::kListener);
+  EXPECT_EQ(cancelCreationIn("construct"), HostThread::Outcome::kCancelled);
+  expectTheNextCreationGetsAnId();
+}
+
+TEST_F(ConnectionCancellationTest, CancelledInTheConnectionsStartUnwindsAndDropsTheConnection) {
+  ServiceDouble service(nullptr, ServiceDouble::Delivery::kListener);
+  EXPECT_EQ(cancelCreationIn("start"), HostThread::Outcome::kCancelled);
+  expectTheNextCreationGetsAnId();
+  EXPECT_EQ(recorder().constructed(), 2);  // the cancelled connection was not kept
+}
+
+// A connection made after a refused one starts its own listener (the constructor's is gone).
+TEST_F(ConnectionCancellationTest, CancelledWhileALaterConnectionStartsItsListenerUnwinds) {
+  recorder().setThrowFromConstructor(true);
+  ASSERT_NE(manager(), nullptr);  // built without a connection
+  recorder().setThrowFromConstructor(false);
+  ServiceDouble service(nullptr, ServiceDouble::Delivery::kListener);
+  EXPECT_EQ(cancelCreationIn("listen"), HostThread::Outcome::kCancelled);
+  expectTheNextCreationGetsAnId();
+}
+
+// The trace guard writes its OUT line from a destructor, where a cancellation acted upon would
+// end the process. This hook makes that line a cancellation point with a cancellation pending.
+void cancelAtTheTraceOutLine(const std::string& text) {
+  if (text.compare(0, 10, "[TRACE <- ") != 0) return;
+  pthread_cancel(pthread_self());
+  pthread_testcancel();
+}
+
+TEST_F(CancellationTest, CancellationArrivingAtATraceOutLineActsAfterTheCallReturned) {
+  ServiceDouble service(nullptr, ServiceDouble::Delivery::kListener);
+  std::shared_ptr<ZVRMediaProxyInterface> proxy = facade()->createNewZVRMediaProxy();
+  ASSERT_THAT(proxy->id(), StartsWith("obj-"));
+  zvr_test::CapturedLog::instance().enableAll();
+  zvr_test::CapturedLog::instance().setOutputHook(&cancelAtTheTraceOutLine);
+
+  struct Call {
+    ZVRMediaProxyInterface* proxy;
+    bool returned = false;
+  } call{proxy.get()};
+  pthread_t thread;
+  ASSERT_EQ(pthread_create(
+                &thread, nullptr,
+                [](void* data) -> void* {
+                  Call* c = static_cast<Call*>(data);
+                  c->proxy->seek(1.0, "");  // idle: no command, only the trace lines
+                  c->returned = true;
+                  pthread_testcancel();  // the pending cancellation acts here
+                  return nullptr;
+                },
+                &call),
+            0);
+  void* result = nullptr;
+  pthread_join(thread, &result);
+  zvr_test::CapturedLog::instance().setOutputHook(nullptr);
+  EXPECT_TRUE(call.returned);
+  EXPECT_EQ(result, PTHREAD_CANCELED);
 }
 
 }  // namespace

@@ -151,6 +151,27 @@ TEST_F(DiagnosticsTest, AFailedCreatedAnswerIsReportedWithItsSessionId) {
   EXPECT_EQ(o.proxy, nullptr);
 }
 
+TEST_F(DiagnosticsTest, AFailedAnswerForAProxyThatIsNotRegisteredIsReportedWithoutAHandle) {
+  OutcomeRecorder outcomes;
+  Record record{"stopped", "500", "ses-7", "nobody", "", "", "", "", "gone"};
+  manager_->onZVREvent(record);
+  ASSERT_TRUE(outcomes.waitCount(1, kTimeout));
+  const ZVROutcome o = outcomes.outcomes()[0];
+  EXPECT_EQ(o.kind, ZVROutcome::kFailedAnswer);
+  EXPECT_EQ(o.name, "stopped");
+  EXPECT_EQ(o.proxyId, "nobody");
+  EXPECT_EQ(o.sessionId, "ses-7");
+  EXPECT_EQ(o.code, "500");
+  EXPECT_EQ(o.detail, "gone");
+  EXPECT_EQ(o.proxy, nullptr);
+  EXPECT_EQ(getZVRProcessCounters()->unroutedRecords, 1u);
+  // A stray record that is no failed answer is only counted.
+  Record definition{"definition", "415", "ses-8", "nobody"};
+  manager_->onZVREvent(definition);
+  EXPECT_FALSE(outcomes.waitCount(2, std::chrono::milliseconds(200)));
+  EXPECT_EQ(getZVRProcessCounters()->unroutedRecords, 2u);
+}
+
 TEST_F(DiagnosticsTest, ASynchronousWaitThatRunsOutNamesItsCommandAndProxy) {
   ShmWriter writer;
   ServiceDouble service(&writer, ServiceDouble::Delivery::kBoth);
@@ -322,6 +343,75 @@ TEST_F(DiagnosticsTest, ListenersAddedAndRemovedWhileOutcomesFlowAreNeverCalledA
   EXPECT_GE(getZVRProcessCounters()->listenerDeliveries, static_cast<uint64_t>(calls));
 }
 
+// A listener that calls into a proxy runs while that proxy's "url" notification removes it: the
+// removal must not wait for the listener, which waits for the mutex the notification holds.
+struct RemovalFromNotification {
+  std::atomic<bool> listenerEntered{false};
+  std::atomic<bool> notificationEntered{false};
+  std::atomic<bool> removed{false};
+  Proxy proxy;
+};
+RemovalFromNotification* gRemoval = nullptr;
+
+void listenerCallingTheProxy(const ZVROutcome&, void*) {
+  gRemoval->listenerEntered = true;
+  zvr_test::eventually([] { return gRemoval->notificationEntered.load(); });
+  gRemoval->proxy->getState();  // waits while the notification holds the proxy's mutex
+}
+
+void notificationRemovingTheListener(std::string, std::string what, std::string) {
+  if (what != "url") return;
+  gRemoval->notificationEntered = true;
+  zvr_test::eventually([] { return gRemoval->listenerEntered.load(); });
+  gRemoval->removed = velmora::removeZVROutcomeListener(&listenerCallingTheProxy, nullptr);
+}
+
+TEST_F(DiagnosticsTest, RemovingAListenerFromInsideTheUrlNotificationDoesNotWaitForIt) {
+  RemovalFromNotification removal;
+  gRemoval = &removal;
+  ServiceDouble service(nullptr, ServiceDouble::Delivery::kListener);
+  removal.proxy = manager_->createNewZVRMediaProxy(kId);
+  manager_->setZVRCallback(&notificationRemovingTheListener);
+  ASSERT_TRUE(velmora::addZVROutcomeListener(&listenerCallingTheProxy, nullptr));
+  Record failed{"created", "503", "ses-1", "", "", "", "", "", "busy"};
+  manager_->onZVREvent(failed);  // the listener starts and waits for the notification
+  ASSERT_TRUE(zvr_test::eventually([&] { return removal.listenerEntered.load(); }));
+
+  zvr_test::withWatchdog("the url notification", std::chrono::seconds(15), [&] {
+    removal.proxy->start("file:///a.webm", 1);
+    settle(service);
+    return 0;
+  });
+  EXPECT_TRUE(removal.removed.load());
+  EXPECT_EQ(removal.proxy->getState(), 2);
+  manager_->setZVRCallback(nullptr);
+}
+
+// A copy is taken while commands and their answers flow: it never shows an answer without the
+// command it answers.
+TEST_F(DiagnosticsTest, ACopyNeverShowsAnAnswerWithoutItsCommand) {
+  ServiceDouble service(nullptr, ServiceDouble::Delivery::kListener);
+  Proxy proxy = manager_->createNewZVRMediaProxy(kId);
+  std::atomic<bool> done{false};
+  std::thread commands([&] {
+    for (int i = 0; i < 3000; ++i) proxy->stop();
+    done = true;
+  });
+  int copies = 0;
+  while (!done) {
+    const auto c = getZVRProxyCounters(proxy);
+    const auto sent = c->commandsSent.find("stop");
+    const auto answered = c->eventsReceived.find("stopped");
+    const uint64_t stops = sent != c->commandsSent.end() ? sent->second : 0;
+    const uint64_t answers = answered != c->eventsReceived.end() ? answered->second : 0;
+    ASSERT_LE(answers, stops) << "after " << copies << " copies";
+    ++copies;
+  }
+  commands.join();
+  settle(service);
+  EXPECT_EQ(getZVRProxyCounters(proxy)->eventsReceived, (Counts{{"stopped", 3000}}));
+}
+
 TEST_F(DiagnosticsTest, AListenerIsAddedOnce) {
   auto listener = [](const ZVROutcome&, void*) {};
   int data = 0;
@@ -413,6 +503,23 @@ TEST_F(DiagnosticsTest, WithCountingOffOutcomesStillFlowAndCountersStayZero) {
   EXPECT_FALSE(p->counting);
   EXPECT_EQ(p->creationsTried, 0u);
   EXPECT_EQ(p->listenerDeliveries, 0u);
+}
+
+// Without a connection the library cannot ask the platform to restart the service: the creation
+// still runs its course and ends empty, and no restart is reported or counted.
+TEST(DiagnosticsWithoutConnectionTest, NoRestartIsReportedWhenThereIsNoConnectionToAskThrough) {
+  zvr_test::CapturedLog::instance().enableOnly({});
+  recorder().setThrowFromConstructor(true);
+  ZVRMediaProxyManager* manager = ZVRMediaProxyManager::getInstance();
+  OutcomeRecorder outcomes;
+  Proxy proxy = manager->createNewZVRMediaProxy();
+  EXPECT_EQ(proxy->id(), "");
+  ASSERT_TRUE(outcomes.waitCount(1, kTimeout));
+  EXPECT_FALSE(outcomes.waitCount(2, std::chrono::milliseconds(200)));
+  EXPECT_EQ(outcomes.outcomes()[0].kind, ZVROutcome::kCreationEmpty);
+  EXPECT_EQ(getZVRProcessCounters()->serviceRestarts, 0u);
+  EXPECT_EQ(recorder().serviceStartRequests(), 0);
+  recorder().setThrowFromConstructor(false);
 }
 
 // Run once more by CTest with ZVR_COUNTERS=0 in the environment.

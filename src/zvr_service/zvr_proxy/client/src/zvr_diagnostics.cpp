@@ -340,7 +340,9 @@ void eventReceived(ProxyStats* stats, std::string_view name) {
   if (stats == nullptr || !counting()) return;
   const std::size_t i = countedEventIndex(name);
   if (i < kCountedEventCount) {
-    stats->events[i].fetch_add(1, std::memory_order_relaxed);
+    // Release, paired with the copy's acquire: a copy that sees this event also sees the command
+    // it answers, which was counted before it was sent.
+    stats->events[i].fetch_add(1, std::memory_order_release);
     return;
   }
   std::lock_guard<std::mutex> lock(stats->mutex);
@@ -353,10 +355,14 @@ void recordHandled(ProxyStats* stats, const ZVRMediaProxyObject* proxy,
   eventReceived(stats, name);
   const std::string& code = recordField(record, 1);
   if (code == kResultOk) return;
-  if (name == kEventStarted || name == kEventStopped || name == kEventSeeked) {
+  if (isAnswerToAProxy(name)) {
     failedAnswer(stats, proxy, name, recordField(record, 3), recordField(record, 2), code,
                  recordField(record, 8));
   }
+}
+
+bool isAnswerToAProxy(std::string_view name) {
+  return name == kEventStarted || name == kEventStopped || name == kEventSeeked;
 }
 
 void commandSent(std::string_view word) {
@@ -519,7 +525,9 @@ bool removeZVROutcomeListener(ZVROutcomeListener listener, void* userData) {
   if (!found) return false;
   gHasListeners.store(!o.listeners.empty(), std::memory_order_release);
   if (o.listeners.empty()) o.queue.clear();
-  if (std::this_thread::get_id() != o.threadId) {
+  // The outcome thread cannot wait for itself; a thread that holds a library lock must not wait
+  // for a listener that may be calling into the library (it could wait for that very lock).
+  if (std::this_thread::get_id() != o.threadId && !diagnostics::holdsLibraryLock()) {
     o.changed.wait(lock, [&o, &removed] { return !(o.running && o.runningListener == removed); });
   }
   return true;
@@ -531,8 +539,9 @@ std::shared_ptr<const ZVRProxyCounters> getZVRProxyCounters(
   if (deleter == nullptr) return nullptr;
   diagnostics::ProxyStats& stats = *deleter->stats;
   auto copy = std::make_shared<ZVRProxyCounters>();
-  // The failure group first, then the lock-free counts: a failure is counted after its event,
-  // so the copy never shows more failures of a name than events of it.
+  // The failure group first, then the events, then the commands: a failure is counted after its
+  // event and a command before it is sent, so the copy never shows a failure without its event
+  // nor an answer without its command.
   {
     std::lock_guard<std::mutex> lock(stats.mutex);
     copy->failures = stats.failures;
@@ -543,8 +552,9 @@ std::shared_ptr<const ZVRProxyCounters> getZVRProxyCounters(
     copy->lastFailureTime = stats.lastFailureTime;
     copy->waitsTimedOut = stats.waitsTimedOut;
   }
+  // Events before commands (see eventReceived).
   for (std::size_t i = 0; i < diagnostics::kCountedEventCount; ++i) {
-    const uint64_t n = stats.events[i].load(std::memory_order_relaxed);
+    const uint64_t n = stats.events[i].load(std::memory_order_acquire);
     if (n != 0) copy->eventsReceived[std::string(diagnostics::kCountedEvents[i])] = n;
   }
   for (std::size_t i = 0; i < diagnostics::kProxyCommandCount; ++i) {

@@ -72,7 +72,9 @@ void eventReceived(ProxyStats* stats, std::string_view name);
 // "started", "stopped" or "seeked" answer.
 void recordHandled(ProxyStats* stats, const ZVRMediaProxyObject* proxy,
                    const std::vector<std::string>& record);
-// A command message sent: for a proxy's command (see CommandScope), or a "create".
+// Whether `name` is one of the answers a proxy handles: "started", "stopped", "seeked".
+bool isAnswerToAProxy(std::string_view name);
+// A command message about to be sent: for a proxy's command (see CommandScope), or a "create".
 void commandSent(std::string_view word);
 // A failed answer: "created" (stats and proxy null) or an answer to a proxy.
 void failedAnswer(ProxyStats* stats, const ZVRMediaProxyObject* proxy, const std::string& name,

@@ -109,7 +109,9 @@ const char* sourceBaseName(const char* path) {
 // The segment is read through it with pread rather than through the mapping: a segment that
 // another process truncates while it is mapped makes a read of the mapping fault with SIGBUS,
 // whereas pread reports the short object. The descriptor of a replaced mapping is closed (the
-// mapping itself stays, as it always has).
+// mapping itself stays, as it always has). A deliberate deviation: the protocol copies the
+// mapping and keeps no descriptor; this adds one descriptor per live mapping and one pread per
+// read, and a short segment reads as an empty one instead of killing the host.
 class SegmentDescriptors {
  public:
   // Keeps `fd` for `mapping` and closes the descriptor of `replaced`, if any.
@@ -413,8 +415,8 @@ void ZVRMediaProxyManager::sendCreateCommand(ZVRModelAccess& access, const std::
   std::vector<std::string> list;
   setCommandParameter(list, kPosCommand, "create");
   setCommandParameter(list, kPosSessionId, sessionId);
-  access.setAccessValue(kCommandKey, list);
   diagnostics::commandSent("create");
+  access.setAccessValue(kCommandKey, list);
 }
 
 void ZVRMediaProxyManager::requestCreateRemoteObject(std::string sessionId) {
@@ -464,7 +466,9 @@ std::shared_ptr<ZVRMediaProxyObject> ZVRMediaProxyManager::createNewZVRMediaProx
     if (!restarted && t - t0 > kFirstResponseLimitSeconds) {
       ZVR_LOG(kError, "Wait response timeout for id:%s, restart zvr service.\n", sessionId.c_str());
       clearResponseIds();
-      diagnostics::serviceRestart("no \"created\" answer within 0.2 s");
+      // Reported only when there is a connection to ask the platform through.
+      if (std::atomic_load(&modelAccess_))
+        diagnostics::serviceRestart("no \"created\" answer within 0.2 s");
       requestStartZVRService();
       t0 = base::log_now();
       completion_.wait_until(lock, std::chrono::system_clock::now() + kWaitAfterRestart);
@@ -496,7 +500,8 @@ std::shared_ptr<ZVRMediaProxyObject> ZVRMediaProxyManager::createNewZVRMediaProx
   if (checkZVREventMemory() == -1) {
     ZVR_LOG(kError, "service not work,  restart zvr service.\n");
     clearResponseIds();
-    diagnostics::serviceRestart("\"/ZVR_PROXY\" cannot be mapped");
+    if (std::atomic_load(&modelAccess_))
+      diagnostics::serviceRestart("\"/ZVR_PROXY\" cannot be mapped");
     requestStartZVRService();
     usleep(kPauseAfterRestartMicros);
   }
@@ -509,7 +514,8 @@ std::shared_ptr<ZVRMediaProxyObject> ZVRMediaProxyManager::createNewZVRMediaProx
   if (result == -1) {
     clearResponseIds();
     ZVR_LOG(kError, "Wait response timeout for id:%s, restart zvr service.\n", sessionId.c_str());
-    diagnostics::serviceRestart("no \"created\" answer within 250 ms");
+    if (std::atomic_load(&modelAccess_))
+      diagnostics::serviceRestart("no \"created\" answer within 250 ms");
     requestStartZVRService();
     usleep(kPauseAfterRestartMicros);
   }
@@ -570,8 +576,9 @@ std::string ZVRMediaProxyManager::sendCommand(
   for (const auto& f : fields) setCommandParameter(list, f.first, f.second);
   setCommandParameter(list, kPosSessionId, sessionId);
   if (stamped) setCommandParameter(list, kPosTimestamp, formatDouble(base::log_now()));
-  access.setAccessValue(kCommandKey, std::move(list));
+  // Counted before it goes, so that a copy of the counters never shows its answer without it.
   diagnostics::commandSent(word);
+  access.setAccessValue(kCommandKey, std::move(list));
   return sessionId;
 }
 
@@ -792,7 +799,8 @@ int ZVRMediaProxyManager::checkZVREventMemory() {
   }
   // Anyone may create "/ZVR_PROXY" before the service does. Anything but a regular file (a FIFO,
   // a device node) is closed and refused like a missing segment; resizing it would fail and, by
-  // the rule below, leave its descriptor open on every call.
+  // the rule below, leave its descriptor open on every call. A deliberate deviation: the protocol
+  // has no such check, and this step runs only where it would leak a descriptor.
   struct stat status;
   if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
     close(fd);
@@ -804,9 +812,15 @@ int ZVRMediaProxyManager::checkZVREventMemory() {
     return -1;  // the descriptor stays open on this path
   }
   void* address = mmap(nullptr, kEventMemorySize, PROT_READ, MAP_SHARED, fd, 0);
+  // A deliberate deviation: a failed mapping is stored as no mapping rather than as the mapping
+  // call's failure value, which every later read would dereference.
   const char* memory = address == MAP_FAILED ? nullptr : static_cast<const char*>(address);
   // A duplicate of the descriptor stays with the mapping for reading (see SegmentDescriptors).
   const int readFd = memory != nullptr ? fcntl(fd, F_DUPFD_CLOEXEC, 0) : -1;
+  if (memory != nullptr && readFd < 0) {
+    // Every read of this mapping will find no segment; say why once, here.
+    ZVR_LOG(kError, "Failed to keep a descriptor of shared memory: %s\n", std::strerror(errno));
+  }
   {
     // A new mapping replaces the old one, which stays mapped.
     std::lock_guard<std::mutex> lock(eventMutex_);
@@ -847,7 +861,9 @@ std::vector<std::string> ZVRMediaProxyManager::readZVREventMemory() {
   Json::Value root;
   bool parsed = false;
   // The reader recurses once per level of nesting, so deeper text than a flat record needs is
-  // refused before it can exhaust a small thread stack.
+  // refused before it can exhaust a small thread stack. A deliberate deviation: the protocol
+  // hands every text to the reader; a record is one flat object, and members nested deeper were
+  // read as empty texts anyway.
   if (jsonNestingWithin(text)) {
     try {
       Json::Reader reader;
@@ -940,6 +956,12 @@ void ZVRMediaProxyManager::onZVREvent(std::vector<std::string>& record) {
     ZVR_LOG(kError, "unable to find object for event: %s, %s,%s\n", name.c_str(), code.c_str(),
             objectId.c_str());
     diagnostics::unroutedRecord();
+    // A failed answer for a proxy that is not registered (one created with the empty id, say)
+    // is still a failure the host may want to hear of.
+    if (code != kResultOk && diagnostics::isAnswerToAProxy(name)) {
+      diagnostics::failedAnswer(nullptr, nullptr, name, objectId, sessionId, code,
+                                recordField(record, 8));
+    }
   }
 }
 

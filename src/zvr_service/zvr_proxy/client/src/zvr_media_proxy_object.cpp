@@ -96,7 +96,10 @@ ZVRMediaProxyObject::~ZVRMediaProxyObject() = default;
 
 // Inside this proxy's "url" notification the calling thread already holds the mutex: the
 // getters then read without taking it again, which shows the state before the move to
-// STATE_STARTED and the URL being announced.
+// STATE_STARTED and the URL being announced. While the manager registers the proxy, id() reads
+// the id (which never changes) without the mutex too, so that registering never orders the
+// manager mutex before a proxy's mutex. A deliberate deviation: the protocol's getters always
+// lock; here they skip the lock only where locking would deadlock or invert the lock order.
 std::string ZVRMediaProxyObject::id() {
   if (diagnostics::holdsProxyMutex(this) || diagnostics::registering(this)) return id_;
   std::lock_guard<std::mutex> lock(mutex_);
@@ -133,6 +136,8 @@ void ZVRMediaProxyObject::setLocalURL_l(std::string url) {
 
 // A command called from inside this proxy's "url" notification is deferred until the notifying
 // handler has released the mutex (see DeferredCall); it then runs in full, trace lines included.
+// A deliberate deviation: the protocol runs every command at once, which from there would wait
+// for good for the mutex its own thread holds.
 void ZVRMediaProxyObject::start(std::string url, int mode) {
   if (diagnostics::holdsProxyMutex(this)) {
     tDeferredCalls.push_back({this, [this, url, mode] { start(url, mode); }});
