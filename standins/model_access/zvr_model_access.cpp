@@ -14,8 +14,9 @@
 // requestStartZVRService() starts it (D-Bus activation).
 //
 // Losing the bus: the listener notices at once, drops the command connection and reconnects with
-// a pause that starts at kFirstRetry and doubles up to kLongestRetry. Once connected again it
-// renews both subscriptions and, when the service already has an owner, reports it with
+// a pause that starts at kFirstRetry and doubles up to kLongestRetry (it starts again from the
+// shortest only after a connection that lasted kLongestRetry). Once connected again it renews
+// both subscriptions and, when the service already has an owner, reports it with
 // onZVRConnected (as it reports every new owner). Until then every call tries one connection,
 // which fails at once while no daemon listens at the address.
 //
@@ -645,6 +646,7 @@ void Core::listen(std::unique_ptr<sdbus::IConnection> first) {
   std::chrono::milliseconds retry = kFirstRetry;
   std::string failure;
   bool failureLogged = false;
+  auto connectedAt = std::chrono::steady_clock::now();
   while (!stopping.load()) {
     if (!events) {
       events = subscribe(&failure);
@@ -656,13 +658,21 @@ void Core::listen(std::unique_ptr<sdbus::IConnection> first) {
         continue;
       }
       logLine(kLogProgress, "event listener connected to the bus again\n");
-      retry = kFirstRetry;
       failureLogged = false;
+      connectedAt = std::chrono::steady_clock::now();
       reportOwnerAfterReconnect();
     }
     if (dispatch(*events)) break;
     // The bus went away: the command connection went with it.
     events.reset();
+    // A bus that takes connections and drops them at once must not make this a busy loop: the
+    // pauses start again from the shortest only after a connection that lasted.
+    if (std::chrono::steady_clock::now() - connectedAt >= kLongestRetry) {
+      retry = kFirstRetry;
+    } else {
+      if (!pauseUnlessStopping(retry)) break;
+      retry = std::min(retry * 2, kLongestRetry);
+    }
     reportedOwner.clear();
     notices.clear();
     std::lock_guard<std::mutex> lock(mutex);
