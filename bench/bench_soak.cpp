@@ -3,8 +3,9 @@
 // Eight host threads drive the shipped library against the emulator on a private bus, first in
 // asynchronous mode and then, since the first synchronous creation switches the manager for good,
 // in synchronous mode. Each thread repeats: a creation without id, start of a generated clip,
-// seek, stop; every call is one operation. A phase ends after its time (default 30 s) or before the process holds
-// 30,000 mappings of "/ZVR_PROXY", whichever comes first. Reported per 1,000 operations: the
+// seek, stop; every call is one operation. A phase ends after its time (default and at most
+// 29 s, so that both phases with their last rounds stay within a minute) or before the process
+// holds 30,000 mappings of "/ZVR_PROXY", whichever comes first. Reported per 1,000 operations: the
 // growth of resident memory, of open descriptors, of mappings of "/ZVR_PROXY" and of threads; and
 // the share of creations that returned an id an earlier creation had returned.
 //
@@ -16,6 +17,7 @@
 #include <dirent.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -42,8 +44,9 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kThreads = 8;
 constexpr uint64_t kMappingBudget = 30000;
-// A thread checks the budget before each round, which maps at most once per creation.
+// A thread checks the budget before each round, whose synchronous creation maps at most twice.
 constexpr uint64_t kMappingMargin = kThreads * 2;
+constexpr double kLongestPhaseSeconds = 29;
 
 struct Usage {
   long residentKb = 0;
@@ -153,12 +156,19 @@ std::string perThousand(double growth, uint64_t operations, const char* unit) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  double seconds = 30;
+  double seconds = kLongestPhaseSeconds;
   std::string out;
   for (int i = 1; i < argc; ++i) {
     const std::string argument = argv[i];
-    if (argument.compare(0, 10, "--seconds=") == 0) seconds = std::atof(argument.c_str() + 10);
+    if (argument.compare(0, 10, "--seconds=") == 0) {
+      seconds = std::min(std::max(std::atof(argument.c_str() + 10), 0.0), kLongestPhaseSeconds);
+    }
     if (argument.compare(0, 6, "--out=") == 0) out = argument.substr(6);
+  }
+  // The mapping budget is read from the library's counters.
+  if (!velmora::getZVRProcessCounters()->counting) {
+    std::fprintf(stderr, "zvr_bench_soak: needs counting on (unset ZVR_COUNTERS)\n");
+    return 1;
   }
   if (std::getenv("ZVR_LOG_LEVEL") == nullptr) setenv("ZVR_LOG_LEVEL", "0", 1);
 
