@@ -21,6 +21,10 @@ constexpr std::size_t kPositions = 11;
 constexpr std::chrono::milliseconds kHttpSniffTime(150);
 // How long a seek waits for the probe that tells the media's duration.
 constexpr std::chrono::milliseconds kSeekProbeWait(200);
+// Local URLs open at once. A host that never stops its objects would otherwise keep a session
+// (and for a file its descriptor) per object for as long as the emulator runs; beyond this many,
+// a start closes the one started longest ago.
+constexpr std::size_t kMaxPlaybacks = 64;
 
 bool parseInt(const std::string& text, int* value) {
   if (text.empty()) return false;
@@ -259,7 +263,18 @@ std::shared_ptr<Emulator::Playback> Emulator::answerStart_l(const std::vector<st
     return nullptr;
   }
 
+  if (playbacks_.size() >= kMaxPlaybacks) {
+    auto oldest = std::min_element(
+        playbacks_.begin(), playbacks_.end(),
+        [](const auto& a, const auto& b) { return a.second->order < b.second->order; });
+    std::fprintf(stderr,
+                 "zvr_emulator: %zu local URLs are open; closing the one of %s, started longest "
+                 "ago and never stopped\n",
+                 playbacks_.size(), oldest->first.c_str());
+    closePlayback_l(oldest->first);
+  }
   auto playback = std::make_shared<Playback>();
+  playback->order = ++playbacksOpened_;
   playback->objectId = objectId;
   playback->sessionId = answer[2];
   playback->url = server_.open(objectId, opened.source);

@@ -12,7 +12,8 @@
 // and what failed at position 8. The source is then probed off the bus thread, and the
 // "definition" event carries the probed definitions at position 7. "seek" (position 5, seconds)
 // is checked against the probed duration, waiting up to 200 ms for a probe still running.
-// "stop", or the next start of the same object, closes the local URL.
+// "stop", or the next start of the same object, closes the local URL; so does a start that
+// would leave more than 64 local URLs open, for the one started longest ago.
 //
 // Faults (see Settings) change how it answers and serves; setOption() changes them while it
 // runs. Thread-safe: the bus thread, the answer thread and the prober's thread all use it.
@@ -22,6 +23,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -89,6 +91,7 @@ class Emulator {
 
   // What a start or preload opened for an object, until its stop or next start.
   struct Playback {
+    std::uint64_t order = 0;  // counts the playbacks opened, this one included
     std::string objectId;
     std::string sessionId;  // of the command that opened it
     std::string url;
@@ -140,6 +143,7 @@ class Emulator {
   std::vector<std::vector<std::string>> recorded_;
   std::map<std::string, std::shared_ptr<Playback>> playbacks_;  // by object id
   std::vector<Answer> pending_;
+  std::uint64_t playbacksOpened_ = 0;
   int created_ = 0;
   int handled_ = 0;
   bool stopping_ = false;

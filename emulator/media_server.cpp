@@ -2,6 +2,7 @@
 
 #include <cxxabi.h>
 #include <httplib.h>
+#include <pthread.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -9,6 +10,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstring>
+#include <deque>
+#include <functional>
 #include <stdexcept>
 #include <vector>
 
@@ -18,14 +22,19 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Eight players, each with a kept-alive connection, a second one for a seek and one more that
-// the server has not noticed closing yet.
-constexpr std::size_t kWorkers = 32;
+// Connections served at once; more wait for a worker. Far more than a television's players
+// hold: eight, each with a kept-alive connection, one more for a seek and a few that a browser
+// opens ahead of time or that the server has not noticed closing yet.
+constexpr std::size_t kMaxWorkers = 256;
+// The server library reads a Range header with std::regex, whose matching recurses for every
+// part of the header: one of the 8 KiB the library lets through takes about 4 MiB of stack. A
+// worker's stack is set, whatever the default for threads is where the emulator runs; it is
+// address space, of which only what is used becomes resident.
+constexpr std::size_t kWorkerStackBytes = 16 << 20;
 constexpr std::size_t kPieceBytes = 64 * 1024;
-// How often a response waiting for its upstream looks whether its session closed, and how long
-// it waits in all before it gives up.
+// How often a response waiting for its upstream looks whether its session closed; it gives up
+// after kUpstreamSilence.
 constexpr int kUpstreamPollMs = 100;
-constexpr auto kUpstreamSilence = std::chrono::seconds(5);
 
 // Object ids are the host's to choose; anything outside the unreserved characters is escaped.
 std::string pathSegment(const std::string& text) {
@@ -49,6 +58,81 @@ std::string newToken() {
   std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(value));
   return text;
 }
+
+// The server library's task queue, which runs each connection, from its first request to its
+// end, on one worker. A connection holds its worker while it is idle too: after each answer for
+// the keep-alive time, before its first request for the read time-out. A fixed number of workers
+// lets idle connections (kept alive by players, opened ahead by browsers) take them all while a
+// new player waits; so a worker is started for a connection whenever none is free, up to
+// kMaxWorkers. Workers stay until the server stops, for the connections to come.
+class ConnectionWorkers : public httplib::TaskQueue {
+ public:
+  ~ConnectionWorkers() override { shutdown(); }
+
+  void enqueue(std::function<void()> task) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    tasks_.push_back(std::move(task));
+    if (idle_ < tasks_.size() && workers_.size() < kMaxWorkers) startWorker_l();
+    changed_.notify_one();
+  }
+
+  // Runs the tasks queued so far, then ends every worker. No task comes after it.
+  void shutdown() override {
+    std::vector<pthread_t> workers;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopping_ = true;
+      workers.swap(workers_);
+    }
+    changed_.notify_all();
+    for (pthread_t worker : workers) pthread_join(worker, nullptr);
+  }
+
+ private:
+  // When no worker can be started, the task waits for one that is; when there is none at all,
+  // the next connection tries again.
+  void startWorker_l() {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, kWorkerStackBytes);
+    pthread_t worker;
+    const int error = pthread_create(
+        &worker, &attributes,
+        [](void* self) -> void* {
+          static_cast<ConnectionWorkers*>(self)->work();
+          return nullptr;
+        },
+        this);
+    pthread_attr_destroy(&attributes);
+    if (error != 0) {
+      std::fprintf(stderr, "zvr_emulator: no worker for a connection: %s\n", std::strerror(error));
+      return;
+    }
+    workers_.push_back(worker);
+  }
+
+  void work() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+      ++idle_;
+      changed_.wait(lock, [this] { return stopping_ || !tasks_.empty(); });
+      --idle_;
+      if (tasks_.empty()) return;
+      std::function<void()> task = std::move(tasks_.front());
+      tasks_.pop_front();
+      lock.unlock();
+      task();
+      lock.lock();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::deque<std::function<void()>> tasks_;
+  std::vector<pthread_t> workers_;
+  std::size_t idle_ = 0;  // workers waiting for a task
+  bool stopping_ = false;
+};
 
 }  // namespace
 
@@ -167,15 +251,23 @@ class MediaServer::BodyWriter {
 };
 
 MediaServer::MediaServer(int port) : http_(std::make_unique<Http>()) {
-  http_->new_task_queue = [] { return new httplib::ThreadPool(kWorkers); };
+  http_->new_task_queue = [] { return new ConnectionWorkers(); };
   http_->set_keep_alive_max_count(1000);
   // An idle kept-alive connection holds its worker until this runs out, stop() included.
   http_->set_keep_alive_timeout(2);
   http_->set_write_timeout(3, 0);
-  http_->Get(R"(/media/.+/[0-9a-f]{16})",
-             [this](const httplib::Request& request, httplib::Response& response) {
-               handle(request, response);
-             });
+  // Local URLs are told by their prefix before the library's routes, which it matches with
+  // std::regex: that recursion for every character of a long path would take megabytes of stack.
+  // Anything else falls through to the routes, of which there are none: 404.
+  http_->set_pre_routing_handler(
+      [this](const httplib::Request& request, httplib::Response& response) {
+        if ((request.method != "GET" && request.method != "HEAD") ||
+            request.path.compare(0, 7, "/media/") != 0) {
+          return httplib::Server::HandlerResponse::Unhandled;
+        }
+        handle(request, response);
+        return httplib::Server::HandlerResponse::Handled;
+      });
   const int bound = port != 0 ? (http_->bind_to_port("127.0.0.1", port) ? port : -1)
                               : http_->bind_to_any_port("127.0.0.1");
   if (bound <= 0) throw std::runtime_error("cannot bind the media server to 127.0.0.1");

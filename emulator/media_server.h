@@ -10,8 +10,10 @@
 //
 // Faults (ServingFaults) apply to every response that starts after setFaults().
 //
-// Thread-safe. The HTTP server runs on a thread of its own with a pool of workers sized for
-// eight players that keep their connections alive and open more for seeks.
+// Thread-safe. The HTTP server runs on a thread of its own and serves each connection on a
+// worker of its own, started when no worker is free, up to 256: connections that players keep
+// alive, or that browsers open ahead of time, hold their worker while idle, and must not keep a
+// new player waiting.
 
 #ifndef ZVR_EMULATOR_MEDIA_SERVER_H_
 #define ZVR_EMULATOR_MEDIA_SERVER_H_

@@ -19,9 +19,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// How long an upstream may take to answer a request for a local URL, and between two pieces.
-constexpr std::chrono::seconds kUpstreamAnswerTime(5);
-
 bool parseNumber(const std::string& text, std::uint64_t* value) {
   if (text.empty() || text.size() > 19) return false;
   std::uint64_t v = 0;
@@ -31,6 +28,22 @@ bool parseNumber(const std::string& text, std::uint64_t* value) {
   }
   *value = v;
   return true;
+}
+
+// "bytes FIRST-LAST/SIZE", or "bytes FIRST-LAST/*" (size 0, sizeKnown false).
+bool parseContentRange(const std::string& text, std::uint64_t* first, std::uint64_t* last,
+                       std::uint64_t* size, bool* sizeKnown) {
+  const std::string unit = "bytes ";
+  if (text.compare(0, unit.size(), unit) != 0) return false;
+  const std::size_t dash = text.find('-', unit.size());
+  const std::size_t slash = text.find('/', unit.size());
+  if (dash == std::string::npos || slash == std::string::npos || slash < dash) return false;
+  const std::string total = text.substr(slash + 1);
+  *sizeKnown = total != "*";
+  *size = 0;
+  return parseNumber(text.substr(unit.size(), dash - unit.size()), first) &&
+         parseNumber(text.substr(dash + 1, slash - dash - 1), last) &&
+         (!*sizeKnown || parseNumber(total, size));
 }
 
 std::string lowerCase(std::string text) {
@@ -193,13 +206,13 @@ class HttpSource : public MediaSource {
         range != nullptr && acceptsRanges_ ? "Range: " + range->text() + "\r\n" : "";
     std::string error;
     // HEAD is answered from a GET's head: not every server answers HEAD.
-    if (!exchange->open(upstream_, "GET", rangeHeader, Clock::now() + kUpstreamAnswerTime,
-                        &error)) {
+    if (!exchange->open(upstream_, "GET", rangeHeader, Clock::now() + kUpstreamSilence, &error)) {
       reply.status = exchange->failure() == UpstreamExchange::Failure::kTimedOut ? 504 : 502;
       reply.reason = "upstream " + url_ + ": " + error;
       return reply;
     }
     const int status = exchange->status();
+    if (status == 206 && !checkPartial(*exchange, reply)) return reply;
     if (status == 200 || status == 206) {
       reply.status = status;
       reply.length = exchange->contentLength();
@@ -220,6 +233,30 @@ class HttpSource : public MediaSource {
   }
 
  private:
+  // A 206 answer must name the range it holds, within the media. Some servers answer a range
+  // that starts past the end with 206 and an empty, inverted range ("bytes 100-99/100"): that
+  // is passed on as the 416 it stands for; any other broken range fails the request (502).
+  bool checkPartial(const UpstreamExchange& exchange, Reply& reply) const {
+    const std::string contentRange = exchange.header("content-range");
+    std::uint64_t first = 0, last = 0, size = 0;
+    bool sizeKnown = false;
+    const bool parsed = parseContentRange(contentRange, &first, &last, &size, &sizeKnown);
+    if (parsed && sizeKnown && first >= size) {
+      reply.status = 416;
+      reply.contentRange = "bytes */" + std::to_string(size);
+      reply.reason = "the range lies outside the media";
+      return false;
+    }
+    const std::int64_t length = exchange.contentLength();
+    if (!parsed || last < first || (sizeKnown && last >= size) ||
+        (length >= 0 && static_cast<std::uint64_t>(length) != last - first + 1)) {
+      reply.status = 502;
+      reply.reason = "upstream " + url_ + " answered 206 with the range '" + contentRange + "'";
+      return false;
+    }
+    return true;
+  }
+
   const std::string url_;
   const LoopbackURL upstream_;
   const bool acceptsRanges_;

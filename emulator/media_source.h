@@ -75,6 +75,11 @@ class MediaSource {
   const std::string contentType_;
 };
 
+// How long an http source's upstream may keep a request for a local URL waiting: for the head
+// of its answer (the local URL then answers 504) and for each piece of its body (the response
+// then ends, as when the upstream breaks off).
+constexpr std::chrono::seconds kUpstreamSilence(5);
+
 struct OpenedSource {
   std::string code;                     // "200", or the result code of the failed "started"
   std::string detail;                   // the container type, or what failed, readably

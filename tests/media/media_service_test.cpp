@@ -11,10 +11,12 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -133,33 +135,71 @@ class MediaServiceTest : public ::testing::Test {
     if (session != nullptr) *session = id;
     return client_.await("started", id);
   }
+  // Starts `source`, waits until probing is over and serves a first piece, then reads the whole
+  // media with `headers` while it samples the emulator's resident memory every 16 MiB; expects
+  // `status`, `size` bytes, and the memory to grow by at most 16 MiB over what it was before.
+  void expectServedWithin16MiB(const std::string& source, const httplib::Headers& headers,
+                               int status, std::uint64_t size);
   ZVRMediaProxyManager* manager() { return ZVRMediaProxyManager::getInstance(); }
 
   std::unique_ptr<PrivateBus> bus_;
   ServiceClient client_;
 };
 
-// A loopback server of this test, serving the WebM clip as an http:// source.
+// A loopback server of this test for http:// sources: the WebM clip at "/clip.webm", and at
+// "/large.webm" the clip followed by zeros up to 1 GiB, made up piece by piece as it is sent.
+// `answerDelay` holds every answer back that long; without `ranges` it serves no ranges, as
+// some servers do.
 class Upstream {
  public:
-  Upstream() : clip_(readFile(clipPath("clip.webm"))) {
-    server_.Get("/clip.webm", [this](const httplib::Request&, httplib::Response& response) {
-      response.set_content_provider(
-          clip_.size(), "video/webm",
-          [this](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
-            return sink.write(clip_.data() + offset, length);
-          });
-    });
+  static constexpr std::uint64_t kLargeSize = 1ull << 30;
+
+  explicit Upstream(std::chrono::milliseconds answerDelay = std::chrono::milliseconds(0),
+                    bool ranges = true)
+      : clip_(readFile(clipPath("clip.webm"))), zeros_(64 * 1024, '\0') {
+    const auto serve = [this, answerDelay, ranges](const std::string& name, std::uint64_t size) {
+      server_.Get(name, [this, answerDelay, ranges, size](const httplib::Request& request,
+                                                          httplib::Response& response) {
+        holdBack(answerDelay);
+        if (!ranges) const_cast<httplib::Request&>(request).ranges.clear();
+        response.set_content_provider(
+            size, "video/webm",
+            [this](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+              if (offset < clip_.size()) {
+                return sink.write(clip_.data() + offset, std::min(length, clip_.size() - offset));
+              }
+              return sink.write(zeros_.data(), std::min(length, zeros_.size()));
+            });
+      });
+    };
+    serve("/clip.webm", clip_.size());
+    serve("/large.webm", kLargeSize);
     port_ = zvr_test::startLoopbackServer(server_, thread_);
   }
   ~Upstream() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopping_ = true;
+    }
+    released_.notify_all();
     server_.stop();
     thread_.join();
   }
-  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/clip.webm"; }
+  std::string url(const std::string& name = "clip.webm") const {
+    return "http://127.0.0.1:" + std::to_string(port_) + "/" + name;
+  }
 
  private:
+  void holdBack(std::chrono::milliseconds delay) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    released_.wait_for(lock, delay, [this] { return stopping_; });
+  }
+
   const std::string clip_;
+  const std::string zeros_;
+  std::mutex mutex_;
+  std::condition_variable released_;
+  bool stopping_ = false;
   httplib::Server server_;
   int port_ = 0;
   std::thread thread_;
@@ -313,6 +353,92 @@ TEST_F(MediaServiceTest, SeekWaitsForASlowProbeNoLongerThan200Ms) {
   EXPECT_LT(waited, 3 * 0.200);
 }
 
+TEST_F(MediaServiceTest, StopEndsAResponseInProgressAndTheURLThenAnswers404) {
+  startService({"throttle=100000"});  // the 736 kB clip would take over 7 s
+  manager()->setZVRCallback(&CallbackRecorder::callback);
+  std::shared_ptr<velmora::ZVRMediaProxyObject> proxy = manager()->createNewZVRMediaProxy();
+  proxy->start("file://" + clipPath("clip.mp4"), 1);
+  ASSERT_TRUE(CallbackRecorder::waitCalls(1, std::chrono::seconds(5)));
+  const std::string url = proxy->localURL();
+  ASSERT_FALSE(url.empty());
+  bool stopped = false;
+  Clock::time_point stoppedAt;
+  const HttpAnswer answer = request(url, "GET", {}, [&](std::size_t received) {
+    if (received >= 10000 && !stopped) {
+      stopped = true;
+      stoppedAt = Clock::now();
+      proxy->stop();  // by the host, while the response is in progress
+    }
+    return true;
+  });
+  ASSERT_TRUE(stopped);
+  const double ended = secondsSince(stoppedAt);
+  EXPECT_FALSE(answer.complete);
+  EXPECT_LT(answer.body.size(), 200000u);
+  EXPECT_LT(ended, 1.0);
+  EXPECT_TRUE(zvr_test::eventually([&] { return proxy->getState() == 0; }));  // "stopped" came
+  EXPECT_EQ(request(url).status, 404);
+  EXPECT_EQ(request(url, "HEAD").status, 404);
+}
+
+TEST_F(MediaServiceTest, DefinitionOfMediaThatCannotBeProbedIs415WithTheReason) {
+  startService({"definition-delay=0"});
+  zvr_test::TempDir dir;
+  // A WebM's EBML header, so that the container is recognised, followed by bytes that no
+  // demuxer can read.
+  std::string bytes(
+      "\x1a\x45\xdf\xa3\x01\x00\x00\x00\x00\x00\x00\x10\x42\x82\x85webm\x00"
+      "\x42\x87\x81\x02\x42\x85\x81\x02",
+      28);
+  std::mt19937 random(12);
+  while (bytes.size() < 100000) bytes += static_cast<char>(random());
+  std::string session;
+  const Record started = start("zvr-b", dir.file("broken.webm", bytes), &session);
+  ASSERT_EQ(started.size(), 11u);
+  EXPECT_EQ(started[1], "200");
+  EXPECT_EQ(started[8], "video/webm");
+  const Record definition = client_.await("definition", session);
+  ASSERT_EQ(definition.size(), 11u);
+  EXPECT_EQ(definition[1], "415");
+  EXPECT_EQ(definition[3], "zvr-b");
+  EXPECT_EQ(definition[7], "");
+  EXPECT_FALSE(definition[8].empty());
+  RecordProperty("reason", definition[8]);
+}
+
+TEST_F(MediaServiceTest, StartedForAnHttpSourceThatAnswersIn100MsComesWithin200Ms) {
+  Upstream upstream(std::chrono::milliseconds(100));
+  startService();
+  const std::string session = client_.send("start", "zvr-h", "", upstream.url());
+  const Clock::time_point sent = client_.sentAt();
+  Clock::time_point arrived;
+  const Record started = client_.await("started", session, &arrived);
+  ASSERT_EQ(started.size(), 11u);
+  EXPECT_EQ(started[1], "200") << started[8];
+  EXPECT_FALSE(started[6].empty());
+  const double elapsed = std::chrono::duration<double>(arrived - sent).count();
+  RecordProperty("started_ms", std::to_string(elapsed * 1000));
+  EXPECT_GE(elapsed, 0.09);
+  EXPECT_LT(elapsed, 3 * 0.200);
+}
+
+TEST_F(MediaServiceTest, HttpSourceThatAnswersTooLateIs504WithinTheAnswerTime) {
+  Upstream upstream(std::chrono::milliseconds(2000));  // far beyond the 150 ms it is given
+  startService();
+  const std::string session = client_.send("start", "zvr-h", "", upstream.url());
+  const Clock::time_point sent = client_.sentAt();
+  Clock::time_point arrived;
+  const Record started = client_.await("started", session, &arrived);
+  ASSERT_EQ(started.size(), 11u);
+  EXPECT_EQ(started[1], "504");
+  EXPECT_EQ(started[6], "");
+  EXPECT_THAT(started[8], HasSubstr(upstream.url()));
+  const double elapsed = std::chrono::duration<double>(arrived - sent).count();
+  RecordProperty("started_ms", std::to_string(elapsed * 1000));
+  EXPECT_GE(elapsed, 0.14);
+  EXPECT_LT(elapsed, 3 * 0.200);
+}
+
 TEST_F(MediaServiceTest, EveryStartGetsANewURLAndStopEndsIt) {
   startService();
   const std::string clip = readFile(clipPath("clip.webm"));
@@ -344,8 +470,19 @@ TEST_F(MediaServiceTest, ServingFaultsChangeWhileTheEmulatorRuns) {
   const Clock::time_point begin = Clock::now();
   EXPECT_EQ(request(url).status, 200);
   EXPECT_GE(secondsSince(begin), 0.19);
+  ASSERT_TRUE(bus_->setOption("first-byte-delay=0"));
   ASSERT_TRUE(bus_->setOption("throttle=100000"));
+  const Clock::time_point throttled = Clock::now();
+  EXPECT_EQ(zvr_test::getRange(url, "bytes=0-99999").body.size(), 100000u);
+  // 100 kB at 100 kB/s: all but the first piece, a twentieth of a second's worth, wait their turn.
+  const double took = secondsSince(throttled);
+  EXPECT_GE(took, 0.9 * (100000 - 5000) / 100000.0);
+  EXPECT_LT(took, 3 * 1.0);
   EXPECT_FALSE(bus_->setOption("throttle=fast"));
+  ASSERT_TRUE(bus_->setOption("throttle=0"));
+  const Clock::time_point free = Clock::now();
+  EXPECT_EQ(zvr_test::getRange(url, "bytes=0-99999").body.size(), 100000u);
+  EXPECT_LT(secondsSince(free), 1.0 / 3);
   EXPECT_FALSE(bus_->setOption("segment-group=video"));  // only at start
 }
 
@@ -358,21 +495,79 @@ long residentKiB(int pid) {
   return -1;
 }
 
-TEST_F(MediaServiceTest, ServingAGibibyteRaisesTheEmulatorsMemoryByAtMost16MiB) {
-  zvr_test::TempDir dir;
-  // The clip's bytes followed by a hole: a 1 GiB WebM that takes no disk space.
-  const std::string path = dir.file("large.webm", readFile(clipPath("clip.webm")));
-  constexpr std::uint64_t kSize = 1ull << 30;
-  ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(kSize)), 0);
+int openDescriptors(int pid) {
+  std::error_code error;
+  int count = 0;
+  for (std::filesystem::directory_iterator it("/proc/" + std::to_string(pid) + "/fd", error), end;
+       !error && it != end; it.increment(error)) {
+    ++count;
+  }
+  return error ? -1 : count;
+}
 
+TEST_F(MediaServiceTest, RepeatedStartsAndPreloadsOfAnObjectKeepItsDescriptorsLevel) {
+  startService({"definition-delay=0"});
+  const int pid = bus_->emulatorPid();
+  ASSERT_GT(pid, 0);
+  const auto startServeAndProbe = [&](const std::string& word) {
+    const std::string session = client_.send(word, "zvr-n", "0", "file://" + clipPath("clip.webm"));
+    const Record started = client_.await("started", session);
+    ASSERT_EQ(started.size(), 11u);
+    ASSERT_EQ(started[1], "200");
+    EXPECT_EQ(zvr_test::getRange(started[6], "bytes=0-99").status, 206);
+    EXPECT_EQ(client_.await("definition", session).size(), 11u);
+  };
+  for (int i = 0; i < 3; ++i) startServeAndProbe("start");  // GStreamer and the server settle
+  const int before = openDescriptors(pid);
+  ASSERT_GT(before, 0);
+  for (int i = 0; i < 20; ++i) startServeAndProbe(i % 2 == 0 ? "preload" : "start");
+  // A served connection is closed a moment after its client closed it.
+  int after = -1;
+  EXPECT_TRUE(zvr_test::eventually([&] { return (after = openDescriptors(pid)) <= before; },
+                                   std::chrono::seconds(3)))
+      << after << " descriptors open, " << before << " before";
+}
+
+// A host that never stops its objects cannot make the emulator hold a file for each of them.
+TEST_F(MediaServiceTest, ObjectsThatAreNeverStoppedKeepAtMost64LocalURLs) {
   startService({"definition-delay=0"});
   const int pid = bus_->emulatorPid();
   ASSERT_GT(pid, 0);
   std::string session;
-  const std::string url = start("zvr-g", "file://" + path, &session)[6];
+  start("zvr-m-probed", "file://" + clipPath("clip.webm"), &session);
+  ASSERT_EQ(client_.await("definition", session).size(), 11u);  // the prober is ready
+  ASSERT_TRUE(bus_->setOption("definitions=SD"));               // nothing more is probed
+  ASSERT_EQ(client_.await("stopped", client_.send("stop", "zvr-m-probed"))[1], "200");
+  std::vector<std::string> urls;
+  const auto startObject = [&] {
+    const std::string id = "zvr-m-" + std::to_string(urls.size());
+    urls.push_back(start(id, "file://" + clipPath("clip.webm"))[6]);
+    ASSERT_FALSE(urls.back().empty()) << id;
+  };
+  while (urls.size() < 64) startObject();
+  const int before = openDescriptors(pid);
+  while (urls.size() < 80) startObject();
+  for (std::size_t i = 0; i < urls.size(); ++i) {
+    EXPECT_EQ(request(urls[i], "HEAD").status, i < 16 ? 404 : 200) << "object " << i;
+  }
+  int after = -1;
+  EXPECT_TRUE(zvr_test::eventually([&] { return (after = openDescriptors(pid)) <= before; },
+                                   std::chrono::seconds(3)))
+      << after << " descriptors open, " << before << " before";
+}
+
+void MediaServiceTest::expectServedWithin16MiB(const std::string& source,
+                                               const httplib::Headers& headers, int status,
+                                               std::uint64_t size) {
+  const int pid = bus_->emulatorPid();
+  ASSERT_GT(pid, 0);
+  std::string session;
+  const std::string url = start("zvr-g", source, &session)[6];
   ASSERT_FALSE(url.empty());
   ASSERT_EQ(client_.await("definition", session).size(), 11u);  // probing is over
-  ASSERT_EQ(zvr_test::getRange(url, "bytes=0-65535").status, 206);
+  // Its buffers and worker are there before the measure begins.
+  EXPECT_EQ(request(url, "GET", {}, [](std::size_t received) { return received < 65536; }).status,
+            200);
   const long before = residentKiB(pid);
   ASSERT_GT(before, 0);
 
@@ -383,7 +578,7 @@ TEST_F(MediaServiceTest, ServingAGibibyteRaisesTheEmulatorsMemoryByAtMost16MiB) 
   std::uint64_t nextSample = 0;
   long highest = before;
   httplib::Result result =
-      client.Get(parts.second.c_str(), [&](const char* /*data*/, std::size_t length) {
+      client.Get(parts.second.c_str(), headers, [&](const char* /*data*/, std::size_t length) {
         received += length;
         if (received >= nextSample) {
           highest = std::max(highest, residentKiB(pid));
@@ -393,11 +588,38 @@ TEST_F(MediaServiceTest, ServingAGibibyteRaisesTheEmulatorsMemoryByAtMost16MiB) 
       });
   highest = std::max(highest, residentKiB(pid));
   ASSERT_TRUE(result);
-  EXPECT_EQ(result->status, 200);
-  EXPECT_EQ(received, kSize);
+  EXPECT_EQ(result->status, status);
+  EXPECT_EQ(received, size);
   RecordProperty("resident_before_kib", std::to_string(before));
   RecordProperty("resident_growth_kib", std::to_string(highest - before));
   EXPECT_LE(highest - before, 16 * 1024) << "resident before " << before << " KiB";
+}
+
+TEST_F(MediaServiceTest, ServingAGibibyteRaisesTheEmulatorsMemoryByAtMost16MiB) {
+  zvr_test::TempDir dir;
+  // The clip's bytes followed by a hole: a 1 GiB WebM that takes no disk space.
+  const std::string path = dir.file("large.webm", readFile(clipPath("clip.webm")));
+  constexpr std::uint64_t kSize = 1ull << 30;
+  ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(kSize)), 0);
+  startService({"definition-delay=0"});
+  expectServedWithin16MiB("file://" + path, {}, 200, kSize);
+}
+
+TEST_F(MediaServiceTest,
+       ServingAGibibyteOfAnUpstreamWithRangesRaisesTheEmulatorsMemoryByAtMost16MiB) {
+  Upstream upstream;
+  startService({"definition-delay=0"});
+  constexpr std::uint64_t kFirst = 1000;
+  expectServedWithin16MiB(upstream.url("large.webm"),
+                          {{"Range", "bytes=" + std::to_string(kFirst) + "-"}}, 206,
+                          Upstream::kLargeSize - kFirst);
+}
+
+TEST_F(MediaServiceTest,
+       ServingAGibibyteOfAnUpstreamWithoutRangesRaisesTheEmulatorsMemoryByAtMost16MiB) {
+  Upstream upstream(std::chrono::milliseconds(0), false);
+  startService({"definition-delay=0"});
+  expectServedWithin16MiB(upstream.url("large.webm"), {}, 200, Upstream::kLargeSize);
 }
 
 }  // namespace

@@ -6,6 +6,8 @@
 #include <httplib.h>
 #include <linux/capability.h>
 #include <netinet/in.h>
+#include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -14,6 +16,9 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <random>
 #include <stdexcept>
@@ -518,11 +523,18 @@ TEST_F(FailingSourceTest, UpstreamThatDoesNotAnswerIs504ByTheDeadline) {
   EXPECT_LT(elapsed, 0.45);
 }
 
-// A loopback upstream that answers every connection with the same bytes, whatever was asked,
-// and then closes it: for answers that a well-behaved server library never gives.
+// A loopback upstream that answers every connection with bytes of the test's making, for answers
+// that a well-behaved server library never gives: `answer` gets the head of the request and
+// returns what to send. The connection is then closed or, with `hold`, kept open and silent
+// until the upstream is destroyed.
 class ScriptedUpstream {
  public:
-  explicit ScriptedUpstream(std::string answer) : answer_(std::move(answer)) {
+  using Answer = std::function<std::string(const std::string& requestHead)>;
+
+  explicit ScriptedUpstream(std::string answer)
+      : ScriptedUpstream([answer](const std::string&) { return answer; }) {}
+  explicit ScriptedUpstream(Answer answer, bool hold = false)
+      : answer_(std::move(answer)), hold_(hold) {
     listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -541,6 +553,7 @@ class ScriptedUpstream {
     shutdown(listener_, SHUT_RDWR);
     thread_.join();
     close(listener_);
+    for (int connection : held_) close(connection);
   }
   std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/a.webm"; }
   // The head of the last request, as it arrived.
@@ -565,15 +578,28 @@ class ScriptedUpstream {
         std::lock_guard<std::mutex> lock(mutex_);
         lastRequest_ = head;
       }
-      send(connection, answer_.data(), answer_.size(), MSG_NOSIGNAL);
-      close(connection);
+      const std::string answer = answer_(head);
+      std::size_t sent = 0;
+      while (sent < answer.size()) {
+        const ssize_t n =
+            send(connection, answer.data() + sent, answer.size() - sent, MSG_NOSIGNAL);
+        if (n <= 0) break;
+        sent += static_cast<std::size_t>(n);
+      }
+      if (hold_) {
+        held_.push_back(connection);
+      } else {
+        close(connection);
+      }
     }
   }
 
-  const std::string answer_;
+  const Answer answer_;
+  const bool hold_;
   int listener_ = -1;
   int port_ = 0;
   std::atomic<bool> stopping_{false};
+  std::vector<int> held_;  // used by the serving thread, then by the destructor
   std::thread thread_;
   std::mutex mutex_;
   std::string lastRequest_;
@@ -635,6 +661,403 @@ TEST_F(FailingSourceTest, UpstreamOffTheLoopbackIs403) {
   EXPECT_THAT(remote.detail, HasSubstr("loopback"));
   EXPECT_EQ(open("http://example.com/a.webm").code, "403");
   EXPECT_EQ(open("http://user@127.0.0.1/a.webm").code, "400");
+}
+
+// Failures while a response is in progress: the response ends, at once or after the upstream's
+// silence limit, and never hangs or takes the server down.
+
+class ServingFailureTest : public MediaServingTest {};
+
+double silenceLimitSeconds() {
+  return std::chrono::duration<double>(zvr_emulator::kUpstreamSilence).count();
+}
+
+TEST_F(ServingFailureTest, UpstreamThatBreaksOffMidBodyEndsTheLocalResponse) {
+  const std::string clip = readFile(clipPath("clip.webm"));
+  const std::string part = clip.substr(0, 100000);
+  char chunkSize[16];
+  std::snprintf(chunkSize, sizeof chunkSize, "%zx", part.size());
+  // Shorter than its length, and in chunks without the last one.
+  const std::string answers[] = {
+      "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(clip.size()) + "\r\n\r\n" + part,
+      "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + std::string(chunkSize) + "\r\n" +
+          part + "\r\n"};
+  for (const std::string& answer : answers) {
+    SCOPED_TRACE(answer.substr(0, 60));
+    ScriptedUpstream upstream(answer);
+    const std::string url = serve(upstream.url());
+    const Clock::time_point begin = Clock::now();
+    const HttpAnswer got = request(url);
+    EXPECT_FALSE(got.complete);
+    EXPECT_EQ(got.status, 200);
+    EXPECT_TRUE(sameBytes(got.body, part));
+    EXPECT_LT(secondsSince(begin), silenceLimitSeconds() / 2);  // not waiting for more
+  }
+}
+
+TEST_F(ServingFailureTest, UpstreamThatGoesSilentMidBodyEndsTheResponseAfterTheSilenceLimit) {
+  const std::string clip = readFile(clipPath("clip.webm"));
+  const std::string part = clip.substr(0, 100000);
+  ScriptedUpstream upstream(
+      [&](const std::string&) {
+        return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(clip.size()) + "\r\n\r\n" +
+               part;
+      },
+      true);
+  const std::string url = serve(upstream.url());
+  const int readTimeout = static_cast<int>(4 * silenceLimitSeconds());
+  Clock::time_point lastBytes = Clock::now();
+  const HttpAnswer got = request(
+      url, "GET", {},
+      [&](std::size_t) {
+        lastBytes = Clock::now();
+        return true;
+      },
+      readTimeout);
+  const double silent = secondsSince(lastBytes);
+  EXPECT_FALSE(got.complete);
+  EXPECT_TRUE(sameBytes(got.body, part));
+  EXPECT_GE(silent, 0.9 * silenceLimitSeconds());
+  EXPECT_LT(silent, 3 * silenceLimitSeconds());
+}
+
+TEST_F(ServingFailureTest, UpstreamThatDoesNotAnswerARequestGets504AfterTheSilenceLimit) {
+  const std::string clip = readFile(clipPath("clip.webm"));
+  // The first bytes, asked for when the source is opened, come; later requests get nothing.
+  ScriptedUpstream upstream(
+      [&](const std::string& head) -> std::string {
+        if (head.find("Range: bytes=0-4095\r\n") == std::string::npos) return std::string();
+        return "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-4095/" +
+               std::to_string(clip.size()) + "\r\nContent-Length: 4096\r\n\r\n" +
+               clip.substr(0, 4096);
+      },
+      true);
+  const std::string url = serve(upstream.url());
+  const Clock::time_point begin = Clock::now();
+  const HttpAnswer got = request(url, "GET", {{"Range", "bytes=0-99"}}, nullptr,
+                                 static_cast<int>(4 * silenceLimitSeconds()));
+  const double waited = secondsSince(begin);
+  EXPECT_TRUE(got.complete);
+  EXPECT_EQ(got.status, 504);
+  EXPECT_GE(waited, 0.9 * silenceLimitSeconds());
+  EXPECT_LT(waited, 3 * silenceLimitSeconds());
+}
+
+TEST_F(ServingFailureTest, UpstreamsRangeNotSatisfiableIsPassedThrough) {
+  const std::string clip = readFile(clipPath("clip.webm"));
+  const std::string size = std::to_string(clip.size());
+  // The first bytes, asked for when the source is opened, come; every other range is refused.
+  ScriptedUpstream upstream([&](const std::string& head) -> std::string {
+    if (head.find("Range: bytes=0-4095\r\n") == std::string::npos) {
+      return "HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */" + size +
+             "\r\nContent-Length: 0\r\n\r\n";
+    }
+    return "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-4095/" + size +
+           "\r\nContent-Length: 4096\r\n\r\n" + clip.substr(0, 4096);
+  });
+  const std::string url = serve(upstream.url());
+  const HttpAnswer answer = getRange(url, "bytes=" + size + "-");
+  ASSERT_TRUE(answer.complete);
+  EXPECT_EQ(answer.status, 416);
+  EXPECT_EQ(answer.header("Content-Range"), "bytes */" + size);
+  EXPECT_THAT(upstream.lastRequest(), HasSubstr("Range: bytes=" + size + "-\r\n"));
+}
+
+TEST_F(ServingFailureTest, UpstreamsPartialAnswerWithABrokenRangeIs502) {
+  const std::string clip = readFile(clipPath("clip.webm"));
+  const std::string size = std::to_string(clip.size());
+  const std::string broken[] = {"bytes 0-99/" + size, "bytes 50-40/" + size, "bytes 0-99/50",
+                                "bytes 0-x/" + size, "items 0-9/" + size};
+  for (const std::string& contentRange : broken) {
+    SCOPED_TRACE(contentRange);
+    ScriptedUpstream upstream([&](const std::string& head) -> std::string {
+      if (head.find("Range: bytes=0-4095\r\n") == std::string::npos) {
+        return "HTTP/1.1 206 Partial Content\r\nContent-Range: " + contentRange +
+               "\r\nContent-Length: 10\r\n\r\n" + clip.substr(0, 10);
+      }
+      return "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-4095/" + size +
+             "\r\nContent-Length: 4096\r\n\r\n" + clip.substr(0, 4096);
+    });
+    const HttpAnswer answer = getRange(serve(upstream.url()), "bytes=0-9");
+    EXPECT_EQ(answer.status, 502);
+    EXPECT_THAT(answer.body, HasSubstr(contentRange));
+  }
+}
+
+// The server library answers a range that starts past the end with 206 and the range
+// "bytes SIZE-(SIZE-1)/SIZE", no bytes at all.
+TEST_F(UpstreamTest, RangePastTheEndIs416AlsoWhenTheUpstreamAnswersItWith206) {
+  const std::string url = serve(upstreamURL("/ranged.webm"));
+  const std::string size = std::to_string(clip_.size());
+  const HttpAnswer answer = getRange(url, "bytes=" + size + "-");
+  ASSERT_TRUE(answer.complete);
+  EXPECT_EQ(answer.status, 416);
+  EXPECT_EQ(answer.header("Content-Range"), "bytes */" + size);
+  EXPECT_EQ(getRange(url, "bytes=0-9").status, 206);  // the source serves on
+}
+
+TEST_F(ServingFailureTest, FileThatShrinksWhileServedEndsTheResponseAtItsNewEnd) {
+  zvr_test::TempDir dir;
+  const std::string clip = readFile(clipPath("clip.mp4"));
+  const std::string path = dir.file("shrinking.mp4", clip);
+  ServingFaults paced;
+  paced.throttleBytesPerSecond = 400 * 1000;  // the 736 kB would take about 1.8 s
+  setFaults(paced);
+  const std::string url = serve(path);
+  constexpr std::size_t kNewSize = 300000;
+  bool shrunk = false;
+  const Clock::time_point begin = Clock::now();
+  const HttpAnswer answer = request(url, "GET", {}, [&](std::size_t received) {
+    if (received >= 100000 && !shrunk) shrunk = truncate(path.c_str(), kNewSize) == 0;
+    return true;
+  });
+  EXPECT_TRUE(shrunk);
+  EXPECT_FALSE(answer.complete);
+  EXPECT_EQ(answer.header("Content-Length"), std::to_string(clip.size()));
+  EXPECT_TRUE(sameBytes(answer.body, clip.substr(0, kNewSize)));
+  EXPECT_LT(secondsSince(begin), 3.0);
+
+  setFaults(ServingFaults());
+  const HttpAnswer after = request(url);  // later requests see the new size
+  EXPECT_EQ(after.status, 200);
+  EXPECT_TRUE(sameBytes(after.body, clip.substr(0, kNewSize)));
+  EXPECT_EQ(getRange(url, "bytes=400000-").status, 416);
+}
+
+// Clients that no HTTP library makes: a connection written by hand.
+class RawClient {
+ public:
+  // Connects to the server at `base`, "http://127.0.0.1:PORT".
+  explicit RawClient(const std::string& base) {
+    fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(std::stoi(base.substr(base.rfind(':') + 1))));
+    connected_ = connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  }
+  ~RawClient() { close(fd_); }
+  RawClient(const RawClient&) = delete;
+  RawClient& operator=(const RawClient&) = delete;
+
+  bool connected() const { return connected_; }
+  bool send(const std::string& bytes) {
+    std::size_t sent = 0;
+    while (sent < bytes.size()) {
+      const ssize_t n = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+      if (n <= 0) return false;
+      sent += static_cast<std::size_t>(n);
+    }
+    return true;
+  }
+  // What arrives until the server closes the connection, at most `within`.
+  std::string receiveAll(std::chrono::milliseconds within) {
+    return receive(within, [](const std::string&) { return false; });
+  }
+  // What arrives up to the end of an answer's head or the connection's, at most `within`.
+  std::string receiveHead(std::chrono::milliseconds within) {
+    return receive(
+        within, [](const std::string& got) { return got.find("\r\n\r\n") != std::string::npos; });
+  }
+
+ private:
+  std::string receive(std::chrono::milliseconds within,
+                      const std::function<bool(const std::string&)>& enough) {
+    const Clock::time_point deadline = Clock::now() + within;
+    std::string got;
+    char buffer[4096];
+    while (!enough(got)) {
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+      if (left <= 0) break;
+      pollfd p{fd_, POLLIN, 0};
+      if (poll(&p, 1, static_cast<int>(left)) <= 0) continue;
+      const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
+      if (n <= 0) break;  // closed, or reset with bytes still unread on the server's side
+      got.append(buffer, static_cast<std::size_t>(n));
+    }
+    return got;
+  }
+
+  int fd_ = -1;
+  bool connected_ = false;
+};
+
+// The status line of an answer, "" when none came.
+std::string statusLine(const std::string& answer) { return answer.substr(0, answer.find('\r')); }
+
+// Threads started in its scope get `bytes` of stack unless they ask for a size of their own, as
+// where a low stack limit is set; the previous default comes back at its end.
+class DefaultThreadStack {
+ public:
+  explicit DefaultThreadStack(std::size_t bytes) {
+    pthread_getattr_default_np(&previous_);
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, bytes);
+    pthread_setattr_default_np(&attributes);
+    pthread_attr_destroy(&attributes);
+  }
+  ~DefaultThreadStack() {
+    pthread_setattr_default_np(&previous_);
+    pthread_attr_destroy(&previous_);
+  }
+  DefaultThreadStack(const DefaultThreadStack&) = delete;
+  DefaultThreadStack& operator=(const DefaultThreadStack&) = delete;
+
+ private:
+  pthread_attr_t previous_;
+};
+
+class BrokenClientTest : public MediaServingTest {
+ protected:
+  // The whole clip is served correctly to a well-behaved client.
+  void expectServed(const std::string& url, const std::string& clip) {
+    const HttpAnswer answer = request(url);
+    EXPECT_EQ(answer.status, 200);
+    EXPECT_TRUE(sameBytes(answer.body, clip));
+  }
+};
+
+// Also where threads get a small stack by default: the server's workers must not depend on it.
+TEST_F(BrokenClientTest, BrokenRequestsAreTurnedAwayAndTheServerServesOn) {
+  const DefaultThreadStack small(1 << 20);
+  const std::string clip = readFile(clipPath("clip.webm"));
+  const std::string url = serve(clipPath("clip.webm"));
+  const std::string path = zvr_test::splitURL(url).second;
+  const auto get = [&path](const std::string& target, const std::string& headers) {
+    return "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" + headers +
+           "Connection: close\r\n\r\n";
+  };
+  std::string emptyRanges = "bytes=-";
+  while (emptyRanges.size() < 8100) emptyRanges += ",-";
+  std::string manyRanges = "bytes=0-1";
+  while (manyRanges.size() < 8000) manyRanges += ",0-1";
+  std::string manyHeaders;
+  for (int i = 0; i < 2000; ++i) manyHeaders += "X-Header-" + std::to_string(i) + ": value\r\n";
+  struct Case {
+    std::string name, bytes, status;  // status: the status line's start, "" for no answer
+  };
+  const std::vector<Case> cases = {
+      {"binary garbage", std::string("\x16\x03\x01\x02\x00\x01\x00\xff\r\n\r\n", 12),
+       "HTTP/1.1 400"},
+      {"no request line", "\r\n\r\n", "HTTP/1.1 400"},
+      {"unknown version", "GET " + path + " HTTP/7.0\r\n\r\n", "HTTP/1.1 400"},
+      {"unknown method", "BREW " + path + " HTTP/1.1\r\nConnection: close\r\n\r\n", "HTTP/1.1 4"},
+      {"request line of 64 KiB", get("/media/" + std::string(65536, 'a'), ""), "HTTP/1.1 414"},
+      {"header of 64 KiB", get(path, "X-Long: " + std::string(65536, 'x') + "\r\n"), ""},
+      {"2000 headers", get(path, manyHeaders), "HTTP/1.1 200"},
+      {"range past 2^64", get(path, "Range: bytes=99999999999999999999999-\r\n"), "HTTP/1.1 416"},
+      {"range end past 2^64", get(path, "Range: bytes=0-99999999999999999999999\r\n"),
+       "HTTP/1.1 416"},
+      {"suffix past 2^64", get(path, "Range: bytes=-99999999999999999999999\r\n"), "HTTP/1.1 416"},
+      {"range of 2000 parts", get(path, "Range: " + manyRanges + "\r\n"), "HTTP/1.1 200"},
+      {"range of 4000 empty parts", get(path, "Range: " + emptyRanges + "\r\n"), "HTTP/1.1 200"},
+      {"range of commas", get(path, "Range: bytes=" + std::string(8000, ',') + "\r\n"),
+       "HTTP/1.1 416"},
+      {"path of 8 KiB", get("/media/" + std::string(8100, 'a') + "/0123456789abcdef", ""),
+       "HTTP/1.1 404"},
+      {"path of 8 KiB of slashes", get("/media/" + std::string(8100, '/') + "0123456789abcdef", ""),
+       "HTTP/1.1 404"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    RawClient client(server_.base());
+    ASSERT_TRUE(client.connected());
+    client.send(c.bytes);  // the server may close before it has read everything
+    // The server answers, or closes the connection of a request it cannot read at all.
+    const std::string answer = client.receiveHead(std::chrono::seconds(10));
+    if (c.status.empty()) {
+      EXPECT_THAT(statusLine(answer), ::testing::AnyOf("", StartsWith("HTTP/1.1 4")));
+    } else {
+      EXPECT_THAT(statusLine(answer), StartsWith(c.status));
+    }
+    expectServed(url, clip);
+  }
+}
+
+TEST_F(BrokenClientTest, RequestSentSlowlyIsAnsweredWhileOthersAreServed) {
+  const std::string clip = readFile(clipPath("clip.webm"));
+  const std::string url = serve(clipPath("clip.webm"));
+  const std::string slowRequest = "GET " + zvr_test::splitURL(url).second +
+                                  " HTTP/1.1\r\nHost: 127.0.0.1\r\nRange: bytes=100-199\r\n"
+                                  "Connection: close\r\n\r\n";
+  RawClient slow(server_.base());
+  ASSERT_TRUE(slow.connected());
+  std::atomic<bool> sent{false};
+  std::thread sender([&] {
+    // A byte at a time, over about a second, well inside the server's read time-out.
+    const auto pause = std::chrono::milliseconds(1000) / slowRequest.size();
+    for (char c : slowRequest) {
+      if (!slow.send(std::string(1, c))) return;
+      std::this_thread::sleep_for(pause);
+    }
+    sent = true;
+  });
+  int served = 0;
+  while (!sent && served < 1000) {
+    expectServed(url, clip);
+    ++served;
+  }
+  sender.join();
+  ASSERT_TRUE(sent);
+  EXPECT_GT(served, 0);
+  const std::string answer = slow.receiveAll(std::chrono::seconds(10));
+  EXPECT_THAT(statusLine(answer), StartsWith("HTTP/1.1 206"));
+  const std::size_t body = answer.find("\r\n\r\n");
+  ASSERT_NE(body, std::string::npos);
+  EXPECT_TRUE(sameBytes(answer.substr(body + 4), clip.substr(100, 100)));
+}
+
+TEST_F(BrokenClientTest, ClientsThatLeaveMidResponseDoNotStopTheServer) {
+  zvr_test::TempDir dir;
+  // The clip's bytes followed by a hole: 64 MiB that the server cannot have sent ahead.
+  const std::string clip = readFile(clipPath("clip.webm"));
+  const std::string path = dir.file("long.webm", clip);
+  ASSERT_EQ(truncate(path.c_str(), 64 << 20), 0);
+  const std::string longURL = serve(path);
+  const std::string url = serve(clipPath("clip.webm"));
+  std::vector<std::thread> leaving;
+  for (int i = 0; i < 16; ++i) {
+    leaving.emplace_back([&longURL] {
+      const HttpAnswer answer = request(longURL, "GET", {}, [](std::size_t received) {
+        return received < 100000;  // leaves after the first 100 kB
+      });
+      EXPECT_FALSE(answer.complete);
+      EXPECT_EQ(answer.status, 200);
+    });
+  }
+  for (std::thread& t : leaving) t.join();
+  RawClient raw(server_.base());  // and one that leaves without reading anything
+  ASSERT_TRUE(raw.connected());
+  raw.send("GET " + zvr_test::splitURL(longURL).second + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+  expectServed(url, clip);
+}
+
+// The server gives every connection a worker of its own for as long as it lasts, idle time
+// included: players keep theirs alive between requests, browsers open some ahead of time.
+TEST_F(BrokenClientTest, FortyIdleConnectionsDoNotKeepANewClientWaiting) {
+  const std::string url = serve(clipPath("clip.webm"));
+  const std::string head =
+      "HEAD " + zvr_test::splitURL(url).second + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
+  std::vector<std::unique_ptr<RawClient>> idle;
+  for (int i = 0; i < 20; ++i) {  // asked once, kept alive
+    idle.push_back(std::make_unique<RawClient>(server_.base()));
+    ASSERT_TRUE(idle.back()->connected());
+    ASSERT_TRUE(idle.back()->send(head));
+    const Clock::time_point begin = Clock::now();
+    EXPECT_THAT(statusLine(idle.back()->receiveHead(std::chrono::seconds(5))),
+                StartsWith("HTTP/1.1 200"))
+        << "connection " << i;
+    EXPECT_LT(secondsSince(begin), 1.0) << "connection " << i;
+  }
+  for (int i = 0; i < 20; ++i) {  // opened ahead, never asked
+    idle.push_back(std::make_unique<RawClient>(server_.base()));
+    ASSERT_TRUE(idle.back()->connected());
+  }
+  const Clock::time_point begin = Clock::now();
+  EXPECT_EQ(request(url, "HEAD").status, 200);
+  EXPECT_LT(secondsSince(begin), 1.0);
 }
 
 }  // namespace

@@ -96,14 +96,16 @@ inline std::pair<std::string, std::string> splitURL(const std::string& url) {
 }
 
 // One request on a connection of its own. `onBytes`, when given, sees the count received so
-// far after every piece and may end the request by returning false.
+// far after every piece and may end the request by returning false. The request fails when
+// nothing arrives for `readTimeoutSeconds`.
 inline HttpAnswer request(const std::string& url, const std::string& method = "GET",
                           const httplib::Headers& headers = {},
-                          const std::function<bool(std::size_t)>& onBytes = nullptr) {
+                          const std::function<bool(std::size_t)>& onBytes = nullptr,
+                          int readTimeoutSeconds = 10) {
   const auto parts = splitURL(url);
   httplib::Client client(parts.first);
   client.set_connection_timeout(5);
-  client.set_read_timeout(10);
+  client.set_read_timeout(readTimeoutSeconds);
   HttpAnswer answer;
   httplib::Request r;
   r.method = method;
