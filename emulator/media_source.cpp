@@ -355,13 +355,14 @@ std::string ByteRange::text() const {
 bool parseRange(const std::string& header, ByteRange* range) {
   const std::string unit = "bytes=";
   if (lowerCase(header.substr(0, unit.size())) != unit) return false;
-  std::string spec = header.substr(unit.size());
-  spec.erase(std::remove_if(spec.begin(), spec.end(), [](char c) { return c == ' ' || c == '\t'; }),
-             spec.end());
-  const std::size_t dash = spec.find('-');
-  if (dash == std::string::npos || spec.find(',') != std::string::npos) return false;
-  const std::string left = spec.substr(0, dash);
-  const std::string right = spec.substr(dash + 1);
+  std::string bounds = header.substr(unit.size());
+  bounds.erase(
+      std::remove_if(bounds.begin(), bounds.end(), [](char c) { return c == ' ' || c == '\t'; }),
+      bounds.end());
+  const std::size_t dash = bounds.find('-');
+  if (dash == std::string::npos || bounds.find(',') != std::string::npos) return false;
+  const std::string left = bounds.substr(0, dash);
+  const std::string right = bounds.substr(dash + 1);
   ByteRange parsed;
   if (left.empty()) {
     parsed.kind = ByteRange::Kind::kSuffix;
