@@ -10,9 +10,14 @@ nm_tool=$1
 library=$2
 expected="$(dirname "$0")/exported_symbols.txt"
 
+# The vtables of the two abstract interfaces, whose only virtual functions are inline, are emitted
+# where the compiler does not inline them away (unoptimised builds): part of the surface, present
+# or not.
+optional='^vtable for velmora::(ZVRMediaProxyInterface|ZVRMediaProxyManagerInterface)@@ZVR_MEDIA_PROXY_1$'
 actual=$("$nm_tool" -D --defined-only -C "$library" | sed -E 's/^[0-9a-fA-F]+ [A-Za-z] //' |
   LC_ALL=C sort)
-if ! difference=$(diff <(printf '%s\n' "$actual") "$expected"); then
+if ! difference=$(diff <(printf '%s\n' "$actual" | grep -Ev "$optional") \
+  <(grep -Ev "$optional" "$expected")); then
   echo "the exported symbols differ from $expected (< exported, > expected):"
   printf '%s\n' "$difference"
   exit 1

@@ -135,6 +135,17 @@ class MediaServiceTest : public ::testing::Test {
     if (session != nullptr) *session = id;
     return client_.await("started", id);
   }
+  // Starts `source` for `objectId`, waits for "started" and records how long it took to come, in
+  // seconds from the command's sending, as the test's property started_ms.
+  Record timedStart(const std::string& objectId, const std::string& source, double* seconds) {
+    const std::string session = client_.send("start", objectId, "", source);
+    const Clock::time_point sent = client_.sentAt();
+    Clock::time_point arrived;
+    const Record started = client_.await("started", session, &arrived);
+    *seconds = std::chrono::duration<double>(arrived - sent).count();
+    RecordProperty("started_ms", std::to_string(*seconds * 1000));
+    return started;
+  }
   // Starts `source`, waits until probing is over and serves a first piece, then reads the whole
   // media with `headers` while it samples the emulator's resident memory every 16 MiB; expects
   // `status`, `size` bytes, and the memory to grow by at most 16 MiB over what it was before.
@@ -409,15 +420,11 @@ TEST_F(MediaServiceTest, DefinitionOfMediaThatCannotBeProbedIs415WithTheReason) 
 TEST_F(MediaServiceTest, StartedForAnHttpSourceThatAnswersIn100MsComesWithin200Ms) {
   Upstream upstream(std::chrono::milliseconds(100));
   startService();
-  const std::string session = client_.send("start", "zvr-h", "", upstream.url());
-  const Clock::time_point sent = client_.sentAt();
-  Clock::time_point arrived;
-  const Record started = client_.await("started", session, &arrived);
+  double elapsed = 0;
+  const Record started = timedStart("zvr-h", upstream.url(), &elapsed);
   ASSERT_EQ(started.size(), 11u);
   EXPECT_EQ(started[1], "200") << started[8];
   EXPECT_FALSE(started[6].empty());
-  const double elapsed = std::chrono::duration<double>(arrived - sent).count();
-  RecordProperty("started_ms", std::to_string(elapsed * 1000));
   EXPECT_GE(elapsed, 0.09);
   EXPECT_LT(elapsed, 3 * 0.200);
 }
@@ -425,16 +432,12 @@ TEST_F(MediaServiceTest, StartedForAnHttpSourceThatAnswersIn100MsComesWithin200M
 TEST_F(MediaServiceTest, HttpSourceThatAnswersTooLateIs504WithinTheAnswerTime) {
   Upstream upstream(std::chrono::milliseconds(2000));  // far beyond the 150 ms it is given
   startService();
-  const std::string session = client_.send("start", "zvr-h", "", upstream.url());
-  const Clock::time_point sent = client_.sentAt();
-  Clock::time_point arrived;
-  const Record started = client_.await("started", session, &arrived);
+  double elapsed = 0;
+  const Record started = timedStart("zvr-h", upstream.url(), &elapsed);
   ASSERT_EQ(started.size(), 11u);
   EXPECT_EQ(started[1], "504");
   EXPECT_EQ(started[6], "");
   EXPECT_THAT(started[8], HasSubstr(upstream.url()));
-  const double elapsed = std::chrono::duration<double>(arrived - sent).count();
-  RecordProperty("started_ms", std::to_string(elapsed * 1000));
   EXPECT_GE(elapsed, 0.14);
   EXPECT_LT(elapsed, 3 * 0.200);
 }

@@ -171,6 +171,25 @@ void cancelAtTheTraceOutLine(const std::string& text) {
   pthread_testcancel();
 }
 
+struct TraceOutCall {
+  ZVRMediaProxyInterface* proxy;
+  bool returned = false;
+};
+
+// Kept out of the thread's own function: AddressSanitizer leaves the stack of a frame that a
+// cancellation unwinds as that frame last marked it, and a temporary's ended scope there would
+// show as a use after scope when the thread ends.
+__attribute__((noinline)) void seekWhileIdle(TraceOutCall* call) {
+  call->proxy->seek(1.0, "");  // idle: no command, only the trace lines
+  call->returned = true;
+}
+
+void* runUntilCancelled(void* data) {
+  seekWhileIdle(static_cast<TraceOutCall*>(data));
+  pthread_testcancel();  // the cancellation left pending at the OUT line acts here
+  return nullptr;
+}
+
 TEST_F(CancellationTest, CancellationArrivingAtATraceOutLineActsAfterTheCallReturned) {
   ServiceDouble service(nullptr, ServiceDouble::Delivery::kListener);
   std::shared_ptr<ZVRMediaProxyInterface> proxy = facade()->createNewZVRMediaProxy();
@@ -178,22 +197,9 @@ TEST_F(CancellationTest, CancellationArrivingAtATraceOutLineActsAfterTheCallRetu
   zvr_test::CapturedLog::instance().enableAll();
   zvr_test::CapturedLog::instance().setOutputHook(&cancelAtTheTraceOutLine);
 
-  struct Call {
-    ZVRMediaProxyInterface* proxy;
-    bool returned = false;
-  } call{proxy.get()};
+  TraceOutCall call{proxy.get()};
   pthread_t thread;
-  ASSERT_EQ(pthread_create(
-                &thread, nullptr,
-                [](void* data) -> void* {
-                  Call* c = static_cast<Call*>(data);
-                  c->proxy->seek(1.0, "");  // idle: no command, only the trace lines
-                  c->returned = true;
-                  pthread_testcancel();  // the pending cancellation acts here
-                  return nullptr;
-                },
-                &call),
-            0);
+  ASSERT_EQ(pthread_create(&thread, nullptr, &runUntilCancelled, &call), 0);
   void* result = nullptr;
   pthread_join(thread, &result);
   zvr_test::CapturedLog::instance().setOutputHook(nullptr);
