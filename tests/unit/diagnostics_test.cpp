@@ -349,6 +349,7 @@ struct RemovalFromNotification {
   std::atomic<bool> listenerEntered{false};
   std::atomic<bool> notificationEntered{false};
   std::atomic<bool> removed{false};
+  std::atomic<bool> listenerDone{false};
   Proxy proxy;
 };
 RemovalFromNotification* gRemoval = nullptr;
@@ -357,6 +358,7 @@ void listenerCallingTheProxy(const ZVROutcome&, void*) {
   gRemoval->listenerEntered = true;
   zvr_test::eventually([] { return gRemoval->notificationEntered.load(); });
   gRemoval->proxy->getState();  // waits while the notification holds the proxy's mutex
+  gRemoval->listenerDone = true;
 }
 
 void notificationRemovingTheListener(std::string, std::string what, std::string) {
@@ -385,6 +387,8 @@ TEST_F(DiagnosticsTest, RemovingAListenerFromInsideTheUrlNotificationDoesNotWait
   EXPECT_TRUE(removal.removed.load());
   EXPECT_EQ(removal.proxy->getState(), 2);
   manager_->setZVRCallback(nullptr);
+  // The removal did not wait for the listener's call; it ends once the notification is over.
+  EXPECT_TRUE(zvr_test::eventually([&] { return removal.listenerDone.load(); }));
 }
 
 // A copy is taken while commands and their answers flow: it never shows an answer without the
