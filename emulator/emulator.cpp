@@ -121,6 +121,7 @@ bool applyOption(Settings& s, const std::string& option, std::string* error) {
   } else if (name == "answer") {
     s.silent.erase(value);
   } else if (name == "twice" && parseBool(value, &s.twice)) {
+  } else if (name == "repeat-id" && parseBool(value, &s.repeatId)) {
   } else if (name == "stale-session" && parseBool(value, &s.staleSession)) {
   } else if (name == "exit-after" && parseInt(value, &number)) {
     s.exitAfter = number;
@@ -216,7 +217,9 @@ int Emulator::handleSetValue(const std::string& key, const std::vector<std::stri
   std::shared_ptr<Playback> started;
   if (word == "create") {
     answer[0] = "created";
-    answer[3] = "zvr-" + runToken_ + "-" + std::to_string(++created_);
+    // A service that hands out an id twice: the previous creation's id again.
+    if (!settings_.repeatId || created_ == 0) ++created_;
+    answer[3] = "zvr-" + runToken_ + "-" + std::to_string(created_);
   } else if (word == "start" || word == "preload") {
     answer[0] = "started";
     started = answerStart_l(values, answer, opened, silent, due);

@@ -45,6 +45,7 @@ struct Settings {
   std::map<std::string, std::string> resultCode;  // per command word; default "200"
   std::set<std::string> silent;                   // command words, or "all"
   bool twice = false;                             // every answer is emitted twice
+  bool repeatId = false;                          // "create" repeats the last id
   bool staleSession = false;                      // answers carry another session id
   int exitAfter = 0;                              // exit after this many commands; 0: never
   bool refuseStart = false;                       // exit at once with a failure

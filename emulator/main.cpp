@@ -14,6 +14,7 @@
 //   silent=WORD|all        never answer WORD; "silent=" answers everything again
 //   answer=WORD            answer WORD again
 //   twice=1                emit every answer twice
+//   repeat-id=1            answer "create" with the id of the previous creation again
 //   stale-session=1        answer with a session id that no command carried
 //   exit-after=N           exit once N commands were handled and answered
 //   refuse-start=1         exit at once with status 3, before taking the bus name

@@ -1,21 +1,22 @@
 // zvrsrc: plays what a remote player of the media service serves at its local URL.
 //
 // Threads:
-//   - the application's thread changes states and sets properties; it never waits for the
-//     service: READY->PAUSED starts a worker and returns ASYNC, PAUSED->READY cancels the
-//     worker's session and returns at once;
-//   - the worker thread (one per start, detached) creates the proxy, starts it, waits for the
-//     local URL, a refused start, the time limit or the cancellation, then adds the internal
-//     source and the src pad under the element's state lock, and keeps posting definitions until
-//     the session is cancelled, when it stops the proxy;
+//   - the application's thread changes states, sets properties and sends events; it never waits
+//     for the service: READY->PAUSED starts a worker and returns ASYNC, PAUSED->READY cancels the
+//     worker's session and returns at once, and a time seek is handed to the worker;
+//   - the worker thread (one per start, detached) has the proxy created on the plugin's creation
+//     thread (zvr_dispatch.cpp), starts it, waits for the local URL, a refused start, the time
+//     limit or the cancellation, then adds the internal source and the src pad, and keeps posting
+//     definitions and forwarding seeks until the session is cancelled, when it stops the proxy;
 //   - the library's threads only hand values over to the session (zvr_dispatch.cpp);
-//   - streaming threads reach the src pad's query and event functions.
+//   - streaming threads reach the src pad's query and event functions and the bin's messages.
 // The worker holds the session, not the element: it takes a reference on the element only while
-// the session is still attached to it, so a cancelled creation's late result touches nothing.
+// the session is still attached to it, and touches the element (its properties, pads, children
+// and messages) only under the element's state lock after checking that the session was not
+// cancelled. PAUSED->READY cancels under that same lock, so nothing of a cancelled session
+// reaches the element, also when the element has been started again since.
 
 #include "gstzvrsrc.h"
-
-#include <cxxabi.h>
 
 #include <chrono>
 #include <memory>
@@ -23,13 +24,17 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <vector>
 
+#include "zvr_cancellation.h"
 #include "zvr_dispatch.h"
 
 GST_DEBUG_CATEGORY(zvr_src_debug);
 #define GST_CAT_DEFAULT zvr_src_debug
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 constexpr guint kDefaultTimeoutMs = 5000;
 constexpr const char kPrefix[] = "zvr+";
@@ -86,6 +91,9 @@ GST_ELEMENT_REGISTER_DEFINE(zvrsrc, "zvrsrc", GST_RANK_PRIMARY, GST_TYPE_ZVR_SRC
 
 namespace {
 
+using zvr_gst::Session;
+using Proxy = std::shared_ptr<velmora::ZVRMediaProxyInterface>;
+
 GstZvrSrc* self(gpointer object) { return GST_ZVR_SRC(object); }
 
 // Async state changes of a bin are announced to the parent through the bin's own handling of
@@ -103,36 +111,57 @@ void asyncDone(GstZvrSrc* src) {
   GST_BIN_CLASS(parent_class)->handle_message(GST_BIN_CAST(src), message);
 }
 
-// The element of `session`, referenced, while the session is attached to it; null otherwise.
-GstElement* attachedElement(const std::shared_ptr<zvr_gst::Session>& session) {
-  std::lock_guard<std::mutex> lock(session->mutex);
-  if (session->cancelled || session->element == nullptr) return nullptr;
-  return GST_ELEMENT(gst_object_ref(session->element));
-}
-
-bool cancelled(const std::shared_ptr<zvr_gst::Session>& session) {
+bool cancelled(const std::shared_ptr<Session>& session) {
   std::lock_guard<std::mutex> lock(session->mutex);
   return session->cancelled;
 }
 
-void setText(GstZvrSrc* src, std::string Private::*field, const std::string& value, int prop) {
+// The properties a worker changed, notified once the element's state lock is released: a
+// handler may then change states as from any other thread.
+using Changed = std::vector<int>;
+
+// Runs `touch(src, changed)` under the element's state lock while `session` is still the
+// element's, and returns whether it ran. PAUSED->READY cancels the session under the same lock.
+template <typename Touch>
+bool withElement(const std::shared_ptr<Session>& session, Touch touch) {
+  GstElement* element = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(session->mutex);
+    if (session->cancelled || session->element == nullptr) return false;
+    element = GST_ELEMENT(gst_object_ref(session->element));
+  }
+  Changed changed;
+  GST_STATE_LOCK(element);
+  const bool current = !cancelled(session);
+  if (current) touch(self(element), changed);
+  GST_STATE_UNLOCK(element);
+  for (int prop : changed) g_object_notify_by_pspec(G_OBJECT(element), properties[prop]);
+  gst_object_unref(element);
+  return current;
+}
+
+void store(GstZvrSrc* src, std::string Private::*field, const std::string& value, int prop,
+           Changed& changed) {
   {
     std::lock_guard<std::mutex> lock(src->priv->mutex);
     src->priv->*field = value;
   }
-  g_object_notify_by_pspec(G_OBJECT(src), properties[prop]);
+  changed.push_back(prop);
 }
 
-// Posts an error of the RESOURCE domain for the session's element, unless it let go of it.
-void postError(const std::shared_ptr<zvr_gst::Session>& session, GstResourceError code,
-               const std::string& text, const std::string& debug) {
-  GstElement* element = attachedElement(session);
-  if (element == nullptr) return;
-  GST_WARNING_OBJECT(element, "%s (%s)", text.c_str(), debug.c_str());
-  gst_element_message_full(element, GST_MESSAGE_ERROR, GST_RESOURCE_ERROR, code,
+// Posts an error of the RESOURCE domain for `src`, as GST_ELEMENT_ERROR does.
+void postErrorNow(GstZvrSrc* src, GstResourceError code, const std::string& text,
+                  const std::string& debug) {
+  GST_WARNING_OBJECT(src, "%s (%s)", text.c_str(), debug.c_str());
+  gst_element_message_full(GST_ELEMENT(src), GST_MESSAGE_ERROR, GST_RESOURCE_ERROR, code,
                            g_strdup(text.c_str()), g_strdup(debug.c_str()), __FILE__, GST_FUNCTION,
                            __LINE__);
-  gst_object_unref(element);
+}
+
+// Posts the error for the session's element, unless the session was cancelled.
+void postError(const std::shared_ptr<Session>& session, GstResourceError code,
+               const std::string& text, const std::string& debug) {
+  withElement(session, [&](GstZvrSrc* src, Changed&) { postErrorNow(src, code, text, debug); });
 }
 
 gboolean padQuery(GstPad* pad, GstObject* parent, GstQuery* query) {
@@ -154,7 +183,8 @@ gboolean padQuery(GstPad* pad, GstObject* parent, GstQuery* query) {
 }
 
 // A time seek goes to the remote player, then is refused, so that the demuxer seeks by bytes
-// through the local URL. Returns true when `event` was such a seek (and is consumed).
+// through the local URL. The worker forwards it: the seeking thread never waits for the
+// service. Returns true when `event` was such a seek (and is consumed).
 bool forwardTimeSeek(GstZvrSrc* src, GstEvent* event) {
   if (GST_EVENT_TYPE(event) != GST_EVENT_SEEK) return false;
   GstFormat format;
@@ -162,23 +192,20 @@ bool forwardTimeSeek(GstZvrSrc* src, GstEvent* event) {
   gint64 start = 0;
   gst_event_parse_seek(event, nullptr, &format, nullptr, &startType, &start, nullptr, nullptr);
   if (format != GST_FORMAT_TIME) return false;
-  std::shared_ptr<velmora::ZVRMediaProxyInterface> proxy;
+  std::shared_ptr<Session> session;
   {
     std::lock_guard<std::mutex> lock(src->priv->mutex);
-    if (src->priv->session) {
-      std::lock_guard<std::mutex> sessionLock(src->priv->session->mutex);
-      if (!src->priv->session->cancelled) proxy = src->priv->session->proxy;
-    }
+    session = src->priv->session;
   }
-  if (proxy && startType == GST_SEEK_TYPE_SET && start >= 0) {
+  if (session && startType == GST_SEEK_TYPE_SET && start >= 0) {
     const double seconds = static_cast<double>(start) / GST_SECOND;
-    GST_DEBUG_OBJECT(src, "time seek to %.3f s forwarded to proxy %s, refused here", seconds,
-                     proxy->id().c_str());
-    try {
-      proxy->seek(seconds, "");
-    } catch (abi::__forced_unwind&) {
-      throw;
-    } catch (...) {
+    std::lock_guard<std::mutex> lock(session->mutex);
+    if (!session->cancelled && session->proxy) {
+      GST_DEBUG_OBJECT(src, "time seek to %.3f s handed to the worker for proxy %s, refused here",
+                       seconds, session->proxyId.c_str());
+      session->seekPending = true;
+      session->seekSeconds = seconds;
+      session->changed.notify_all();
     }
   }
   gst_event_unref(event);
@@ -190,21 +217,15 @@ gboolean padEvent(GstPad* pad, GstObject* parent, GstEvent* event) {
   return gst_pad_event_default(pad, parent, event);
 }
 
-// Adds souphttpsrc on `url` behind the src pad and completes the async state change. Runs on
-// the worker under the state lock, so that it cannot interleave with PAUSED->READY.
-void addSource(GstZvrSrc* src, const std::shared_ptr<zvr_gst::Session>& session,
-               const std::string& url) {
+// Adds souphttpsrc on `url` behind the src pad and completes the async state change. Called with
+// the state lock held, so that it cannot interleave with PAUSED->READY.
+void addSource(GstZvrSrc* src, const std::shared_ptr<Session>& session, const std::string& url) {
   GstElement* element = GST_ELEMENT(src);
-  GST_STATE_LOCK(element);
-  if (cancelled(session) || src->priv->source != nullptr) {
-    GST_STATE_UNLOCK(element);
-    return;
-  }
+  if (src->priv->source != nullptr) return;
   GstElement* http = gst_element_factory_make("souphttpsrc", nullptr);
   if (http == nullptr) {
-    GST_STATE_UNLOCK(element);
-    postError(session, GST_RESOURCE_ERROR_FAILED, "GStreamer's souphttpsrc is not installed",
-              "zvrsrc reads the media service's local URL with souphttpsrc");
+    postErrorNow(src, GST_RESOURCE_ERROR_FAILED, "GStreamer's souphttpsrc is not installed",
+                 "zvrsrc reads the media service's local URL with souphttpsrc");
     return;
   }
   // Loopback: no proxy server in between; the service's server answers ranges.
@@ -213,8 +234,9 @@ void addSource(GstZvrSrc* src, const std::shared_ptr<zvr_gst::Session>& session,
   src->priv->source = http;
 
   GstPad* target = gst_element_get_static_pad(http, "src");
-  GstPad* pad =
-      gst_ghost_pad_new_from_template("src", target, gst_static_pad_template_get(&srcTemplate));
+  // The class's own template: the ghost pad takes a reference of its own.
+  GstPad* pad = gst_ghost_pad_new_from_template(
+      "src", target, gst_element_class_get_pad_template(GST_ELEMENT_GET_CLASS(src), "src"));
   gst_object_unref(target);
   gst_pad_set_query_function(pad, padQuery);
   gst_pad_set_event_function(pad, padEvent);
@@ -227,7 +249,7 @@ void addSource(GstZvrSrc* src, const std::shared_ptr<zvr_gst::Session>& session,
     gst_element_set_state(http, GST_STATE_PAUSED);
   }
   asyncDone(src);
-  GST_STATE_UNLOCK(element);
+  GST_DEBUG_OBJECT(src, "proxy %s: reading %s", session->proxyId.c_str(), url.c_str());
 }
 
 // Removes the internal source and the pad. Called with the state lock held.
@@ -241,6 +263,10 @@ void dropSource(GstZvrSrc* src) {
     gst_element_set_state(src->priv->source, GST_STATE_NULL);
     gst_bin_remove(GST_BIN(src), src->priv->source);
     src->priv->source = nullptr;
+    // GstBin unflags a bin whose last source child left; this one stays a source.
+    GST_OBJECT_LOCK(src);
+    GST_OBJECT_FLAG_SET(src, GST_ELEMENT_FLAG_SOURCE);
+    GST_OBJECT_UNLOCK(src);
   }
 }
 
@@ -251,30 +277,29 @@ GstResourceError errorForCode(const std::string& code) {
 }
 
 // Everything after the creation: start, wait, hand over, until the session is cancelled.
-void runStarted(const std::shared_ptr<zvr_gst::Session>& session,
-                const std::shared_ptr<velmora::ZVRMediaProxyInterface>& proxy,
-                const std::string& source, guint timeoutMs) {
+void runStarted(const std::shared_ptr<Session>& session, const Proxy& proxy,
+                const std::string& source, guint timeoutMs, Clock::time_point deadline) {
   const std::string id = proxy->id();
-  if (GstElement* element = attachedElement(session)) {
-    setText(self(element), &Private::proxyId, id, PROP_PROXY_ID);
-    gst_object_unref(element);
-  }
+  withElement(session, [&](GstZvrSrc* src, Changed& changed) {
+    store(src, &Private::proxyId, id, PROP_PROXY_ID, changed);
+  });
   // In synchronous mode the "url" callback runs inside start(), on this thread: the session's
   // mutex is not held here, so the dispatcher can store it.
   proxy->start(source, 1);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   bool haveUrl = false;
   bool failed = false;
   for (;;) {
     std::string url, definitions, code, detail;
     bool startFailed = false;
     bool timedOut = false;
+    bool seek = false;
+    double seekSeconds = 0;
     {
       std::unique_lock<std::mutex> lock(session->mutex);
-      // After the URL or a failure, only definitions and the cancellation are waited for.
+      // After the URL or a failure, only definitions, seeks and the cancellation are waited for.
       const bool awaitingUrl = !haveUrl && !failed;
       auto ready = [&] {
-        return session->cancelled || !session->definitions.empty() ||
+        return session->cancelled || session->seekPending || !session->definitions.empty() ||
                (awaitingUrl && (!session->url.empty() || session->startFailed));
       };
       if (!awaitingUrl) {
@@ -283,7 +308,11 @@ void runStarted(const std::shared_ptr<zvr_gst::Session>& session,
         timedOut = true;
       }
       if (session->cancelled) break;
-      if (awaitingUrl && !session->url.empty()) {
+      if (session->seekPending) {
+        seek = true;
+        seekSeconds = session->seekSeconds;
+        session->seekPending = false;
+      } else if (awaitingUrl && !session->url.empty()) {
         url = session->url;
       } else if (awaitingUrl && session->startFailed) {
         startFailed = true;
@@ -294,84 +323,110 @@ void runStarted(const std::shared_ptr<zvr_gst::Session>& session,
         session->definitions.pop_front();
       }
     }
-    if (timedOut) {
+    if (seek) {
+      // Off the seeking thread: against a hung service this call can take its time.
+      GST_DEBUG("time seek to %.3f s forwarded to proxy %s", seekSeconds, id.c_str());
+      proxy->seek(seekSeconds, "");
+    } else if (timedOut) {
       failed = true;
       postError(session, GST_RESOURCE_ERROR_OPEN_READ,
                 "The media service " + std::string(zvr_gst::serviceName()) +
                     " sent no local URL for proxy " + id + " within " + std::to_string(timeoutMs) +
                     " ms",
-                "source " + source);
-      continue;
-    }
-    if (startFailed) {
+                "source " + source + "; the time limit counts from the start of READY->PAUSED");
+    } else if (startFailed) {
       failed = true;
       postError(session, errorForCode(code),
                 "The media service refused to play " + source + ": code " + code +
                     (detail.empty() ? std::string() : ", " + detail),
                 "proxy " + id + ", \"started\" answered " + code);
-      continue;
-    }
-    GstElement* element = attachedElement(session);
-    if (element == nullptr) continue;  // cancelled: the next round ends the loop
-    GstZvrSrc* src = self(element);
-    if (!url.empty() && !failed) {
+    } else if (!url.empty()) {
       haveUrl = true;
-      GST_INFO_OBJECT(src, "proxy %s: local URL %s", id.c_str(), url.c_str());
-      setText(src, &Private::localUrl, url, PROP_LOCAL_URL);
-      addSource(src, session, url);
+      withElement(session, [&](GstZvrSrc* src, Changed& changed) {
+        GST_INFO_OBJECT(src, "proxy %s: local URL %s", id.c_str(), url.c_str());
+        store(src, &Private::localUrl, url, PROP_LOCAL_URL, changed);
+        addSource(src, session, url);
+      });
     } else if (!definitions.empty()) {
-      setText(src, &Private::definitions, definitions, PROP_DEFINITIONS);
-      GstStructure* s =
-          gst_structure_new("zvr-definitions", "proxy-id", G_TYPE_STRING, id.c_str(), "definitions",
-                            G_TYPE_STRING, definitions.c_str(), nullptr);
-      gst_element_post_message(element, gst_message_new_element(GST_OBJECT_CAST(element), s));
+      withElement(session, [&](GstZvrSrc* src, Changed& changed) {
+        store(src, &Private::definitions, definitions, PROP_DEFINITIONS, changed);
+        GstStructure* s =
+            gst_structure_new("zvr-definitions", "proxy-id", G_TYPE_STRING, id.c_str(),
+                              "definitions", G_TYPE_STRING, definitions.c_str(), nullptr);
+        gst_element_post_message(GST_ELEMENT(src),
+                                 gst_message_new_element(GST_OBJECT_CAST(src), s));
+      });
     }
-    gst_object_unref(element);
   }
   // Cancelled: the remote player stops; its late answers find no session.
   proxy->stop();
 }
 
-void runSession(std::shared_ptr<zvr_gst::Session> session, std::string source, guint timeoutMs) {
+// Waits for the session's creation until `deadline`. Returns the proxy on kCreated.
+zvr_gst::Creation awaitCreation(const std::shared_ptr<Session>& session, Clock::time_point deadline,
+                                bool* timedOut, Proxy* proxy) {
+  std::unique_lock<std::mutex> lock(session->mutex);
+  const bool ended = session->changed.wait_until(
+      lock, deadline, [&] { return session->cancelled || session->creationDone; });
+  if (session->cancelled) return zvr_gst::Creation::kCancelled;
+  if (!ended) {
+    // The creation's result, when it comes, is discarded by the creation thread.
+    session->creationAbandoned = true;
+    *timedOut = true;
+    return zvr_gst::Creation::kCancelled;
+  }
+  *proxy = session->proxy;
+  return session->creation;
+}
+
+void runSession(std::shared_ptr<Session> session, std::string source, guint timeoutMs,
+                Clock::time_point deadline) {
   try {
     zvr_gst::installHooks();
-    const zvr_gst::Creation creation = zvr_gst::createProxy(session);
-    switch (creation) {
-      case zvr_gst::Creation::kCreated: {
-        std::shared_ptr<velmora::ZVRMediaProxyInterface> proxy;
-        {
-          std::lock_guard<std::mutex> lock(session->mutex);
-          proxy = session->proxy;
-        }
-        runStarted(session, proxy, source, timeoutMs);
-        break;
+    if (!zvr_gst::requestCreation(session)) {
+      postError(session, GST_RESOURCE_ERROR_FAILED, "Could not start the media proxy's creations",
+                "no thread for the plugin's creation queue");
+    } else {
+      bool timedOut = false;
+      Proxy proxy;
+      switch (awaitCreation(session, deadline, &timedOut, &proxy)) {
+        case zvr_gst::Creation::kCreated:
+          runStarted(session, proxy, source, timeoutMs, deadline);
+          break;
+        case zvr_gst::Creation::kNoLibrary:
+          postError(session, GST_RESOURCE_ERROR_FAILED,
+                    "The media proxy library could not create a proxy",
+                    "the library's manager or the proxy could not be made; see its log");
+          break;
+        case zvr_gst::Creation::kNoService:
+          postError(session, GST_RESOURCE_ERROR_OPEN_READ,
+                    std::string("No media service: ") + zvr_gst::serviceName() +
+                        " did not answer the creation of a player",
+                    "the creation ended with the empty id; is the service installed and "
+                    "reachable on its bus?");
+          break;
+        case zvr_gst::Creation::kReusedId:
+          postError(session, GST_RESOURCE_ERROR_FAILED,
+                    std::string("The media service ") + zvr_gst::serviceName() +
+                        " returned a player id that this process already used",
+                    "a repeated id is treated as a failed creation");
+          break;
+        case zvr_gst::Creation::kCancelled:
+          if (timedOut) {
+            postError(session, GST_RESOURCE_ERROR_OPEN_READ,
+                      "The media service " + std::string(zvr_gst::serviceName()) +
+                          " created no player within " + std::to_string(timeoutMs) + " ms",
+                      "source " + source +
+                          "; the creations of this process run one at a time, and the time "
+                          "limit counts from the start of READY->PAUSED");
+          }
+          break;
       }
-      case zvr_gst::Creation::kNoLibrary:
-        postError(session, GST_RESOURCE_ERROR_FAILED,
-                  "The media proxy library could not create a proxy",
-                  "the library's manager or the proxy could not be made; see its log");
-        break;
-      case zvr_gst::Creation::kNoService:
-        postError(session, GST_RESOURCE_ERROR_OPEN_READ,
-                  std::string("No media service: ") + zvr_gst::serviceName() +
-                      " did not answer the creation of a player",
-                  "the creation ended with the empty id; is the service installed and "
-                  "reachable on its bus?");
-        break;
-      case zvr_gst::Creation::kReusedId:
-        postError(session, GST_RESOURCE_ERROR_FAILED,
-                  std::string("The media service ") + zvr_gst::serviceName() +
-                      " returned a player id that this process already used",
-                  "a repeated id is treated as a failed creation");
-        break;
-      case zvr_gst::Creation::kCancelled:
-        break;
     }
-  } catch (abi::__forced_unwind&) {
-    throw;
   } catch (const std::exception& e) {
     postError(session, GST_RESOURCE_ERROR_FAILED, "The media proxy failed", e.what());
   } catch (...) {
+    if (velmora::unwindingCancelledThread()) throw;
     postError(session, GST_RESOURCE_ERROR_FAILED, "The media proxy failed", "unknown exception");
   }
   zvr_gst::unregisterSession(session);
@@ -379,28 +434,35 @@ void runSession(std::shared_ptr<zvr_gst::Session> session, std::string source, g
   session->proxy.reset();
 }
 
-// READY->PAUSED: a new session and its worker.
+// READY->PAUSED: a new session and its worker. Called with the state lock held.
 bool startSession(GstZvrSrc* src) {
-  auto session = std::make_shared<zvr_gst::Session>();
+  auto session = std::make_shared<Session>();
   session->element = GST_ELEMENT(src);
   std::string uri;
   guint timeoutMs;
+  Changed cleared;
   {
     std::lock_guard<std::mutex> lock(src->priv->mutex);
     uri = src->priv->uri;
     timeoutMs = src->priv->timeoutMs;
     src->priv->session = session;
-    src->priv->proxyId.clear();
-    src->priv->localUrl.clear();
-    src->priv->definitions.clear();
+    for (auto field : {std::make_pair(&Private::proxyId, PROP_PROXY_ID),
+                       std::make_pair(&Private::localUrl, PROP_LOCAL_URL),
+                       std::make_pair(&Private::definitions, PROP_DEFINITIONS)}) {
+      if ((src->priv->*field.first).empty()) continue;
+      (src->priv->*field.first).clear();
+      cleared.push_back(field.second);
+    }
   }
+  for (int prop : cleared) g_object_notify_by_pspec(G_OBJECT(src), properties[prop]);
   if (uri.compare(0, sizeof kPrefix - 1, kPrefix) != 0) {
     GST_ELEMENT_ERROR(src, RESOURCE, NOT_FOUND, ("No zvr+ URI was set"),
                       ("uri is '%s'", uri.c_str()));
     return false;
   }
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
   try {
-    std::thread(runSession, session, uri.substr(sizeof kPrefix - 1), timeoutMs).detach();
+    std::thread(runSession, session, uri.substr(sizeof kPrefix - 1), timeoutMs, deadline).detach();
   } catch (const std::system_error& e) {
     GST_ELEMENT_ERROR(src, RESOURCE, FAILED, ("Could not start a thread for the media proxy"),
                       ("%s", e.what()));
@@ -410,8 +472,9 @@ bool startSession(GstZvrSrc* src) {
 }
 
 // PAUSED->READY (and dispose): the session lets go of the element; its worker stops the proxy.
+// Called with the state lock held, except from dispose, when no worker holds the element.
 void cancelSession(GstZvrSrc* src) {
-  std::shared_ptr<zvr_gst::Session> session;
+  std::shared_ptr<Session> session;
   {
     std::lock_guard<std::mutex> lock(src->priv->mutex);
     session = std::move(src->priv->session);
@@ -420,6 +483,7 @@ void cancelSession(GstZvrSrc* src) {
   std::lock_guard<std::mutex> lock(session->mutex);
   session->cancelled = true;
   session->element = nullptr;
+  session->seekPending = false;
   session->changed.notify_all();
 }
 
@@ -453,12 +517,27 @@ GstStateChangeReturn changeState(GstElement* element, GstStateChange transition)
   return result;
 }
 
-// Errors of the internal source mean that the service's stream broke or the service is gone:
-// they are posted again as the element's own, naming the proxy.
+// Whether an error posted by the element's child `child` (the internal source) arose downstream:
+// its last push failed (not-linked, not-negotiated, or an error returned by a downstream
+// element), and it posted the flow error that basesrc posts for that.
+bool failedDownstream(GstObject* child) {
+  if (!GST_IS_ELEMENT(child)) return false;
+  GstPad* pad = gst_element_get_static_pad(GST_ELEMENT(child), "src");
+  if (pad == nullptr) return false;
+  const GstFlowReturn last = gst_pad_get_last_flow_return(pad);
+  gst_object_unref(pad);
+  return last == GST_FLOW_NOT_LINKED || last <= GST_FLOW_NOT_NEGOTIATED;
+}
+
+// Errors of the internal source mean that the service's stream broke or the service is gone: a
+// refused connection, a read failure, a connection that ended early. They are posted again as the
+// element's own RESOURCE READ error, naming the proxy. An error that arose downstream of the
+// internal source passes through unchanged.
 void handleMessage(GstBin* bin, GstMessage* message) {
   GstZvrSrc* src = self(bin);
   if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR && GST_MESSAGE_SRC(message) != nullptr &&
-      GST_MESSAGE_SRC(message) != GST_OBJECT_CAST(bin)) {
+      GST_MESSAGE_SRC(message) != GST_OBJECT_CAST(bin) &&
+      !failedDownstream(GST_MESSAGE_SRC(message))) {
     GError* error = nullptr;
     gchar* debug = nullptr;
     gst_message_parse_error(message, &error, &debug);
@@ -587,8 +666,9 @@ static void gst_zvr_src_class_init(GstZvrSrcClass* klass) {
       nullptr, static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS));
   properties[PROP_TIMEOUT] = g_param_spec_uint(
       "timeout", "Timeout",
-      "Milliseconds to wait, after the start was sent, for the media service's local URL before "
-      "posting an error",
+      "Milliseconds from READY->PAUSED to the media service's local URL, the creation of the "
+      "remote player (and any wait for another element's creation) included, before posting an "
+      "error; 0: fail at once",
       0, G_MAXUINT, kDefaultTimeoutMs,
       static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS));
   properties[PROP_PROXY_ID] = g_param_spec_string(

@@ -1,12 +1,13 @@
-// Routing of the library's process-wide callback and outcomes to the plugin's sessions.
+// Routing of the library's process-wide callback and outcomes to the plugin's sessions, and the
+// plugin's creation thread.
 
 #include "zvr_dispatch.h"
 
-#include <cxxabi.h>
-
 #include <map>
 #include <set>
+#include <thread>
 
+#include "zvr_cancellation.h"
 #include "zvr_media_manager_interface.h"
 #include "zvr_media_proxy_diagnostics.h"
 
@@ -31,10 +32,29 @@ Registry& registry() {
   return *r;
 }
 
-// Held across a whole creation, so that no two creations of the plugin overlap.
-std::mutex& creationMutex() {
-  static std::mutex* const m = new std::mutex;
-  return *m;
+struct Hooks {
+  std::mutex mutex;
+  bool callbackSet = false;
+  bool listenerAdded = false;
+};
+
+Hooks& hooks() {
+  static Hooks* const h = new Hooks;
+  return *h;
+}
+
+// The sessions waiting for a creation, served one at a time by the creation thread, which is
+// started by the first request and runs until the process ends. Never destroyed.
+struct CreationQueue {
+  std::mutex mutex;
+  std::condition_variable queued;
+  std::deque<std::shared_ptr<Session>> sessions;
+  bool running = false;
+};
+
+CreationQueue& creationQueue() {
+  static CreationQueue* const q = new CreationQueue;
+  return *q;
 }
 
 std::shared_ptr<Session> find(const std::string& id) {
@@ -62,9 +82,8 @@ void onNotification(std::string id, std::string kind, std::string value) {
       return;
     }
     session->changed.notify_all();
-  } catch (abi::__forced_unwind&) {
-    throw;
   } catch (...) {
+    if (velmora::unwindingCancelledThread()) throw;
     // A failed allocation loses this notification; the worker's time limit still holds.
   }
 }
@@ -85,31 +104,16 @@ void onOutcome(const velmora::ZVROutcome& outcome, void* /*userData*/) {
     session->failureCode = outcome.code;
     session->failureDetail = outcome.detail;
     session->changed.notify_all();
-  } catch (abi::__forced_unwind&) {
-    throw;
   } catch (...) {
+    if (velmora::unwindingCancelledThread()) throw;
   }
 }
 
-}  // namespace
+// Whether the session no longer wants its creation's result. Called with its mutex held.
+bool givenUp(const Session& session) { return session.cancelled || session.creationAbandoned; }
 
-const char* serviceName() { return "velmora.zvr.MediaService"; }
-
-void installHooks() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    velmora::ZVRMediaProxyManagerInterface* manager = requestZVRMediaProxy();
-    if (manager != nullptr) manager->setZVRCallback(&onNotification);
-    velmora::addZVROutcomeListener(&onOutcome, nullptr);
-  });
-}
-
-Creation createProxy(const std::shared_ptr<Session>& session) {
-  std::lock_guard<std::mutex> serialised(creationMutex());
-  {
-    std::lock_guard<std::mutex> lock(session->mutex);
-    if (session->cancelled) return Creation::kCancelled;
-  }
+// One creation, on the creation thread. On kCreated the id is routed to the session.
+Creation create(const std::shared_ptr<Session>& session) {
   velmora::ZVRMediaProxyManagerInterface* manager = requestZVRMediaProxy();
   if (manager == nullptr) return Creation::kNoLibrary;
   std::shared_ptr<velmora::ZVRMediaProxyInterface> proxy = manager->createNewZVRMediaProxy();
@@ -124,9 +128,92 @@ Creation createProxy(const std::shared_ptr<Session>& session) {
   }
   std::lock_guard<std::mutex> lock(session->mutex);
   session->proxyId = id;
-  if (session->cancelled) return Creation::kCancelled;
   session->proxy = std::move(proxy);
   return Creation::kCreated;
+}
+
+void runCreations() {
+  CreationQueue& q = creationQueue();
+  for (;;) {
+    std::shared_ptr<Session> session;
+    {
+      std::unique_lock<std::mutex> lock(q.mutex);
+      q.queued.wait(lock, [&q] { return !q.sessions.empty(); });
+      session = std::move(q.sessions.front());
+      q.sessions.pop_front();
+    }
+    bool skip;
+    {
+      std::lock_guard<std::mutex> lock(session->mutex);
+      skip = givenUp(*session);
+    }
+    Creation result = Creation::kCancelled;
+    if (!skip) {
+      try {
+        result = create(session);
+      } catch (...) {
+        if (velmora::unwindingCancelledThread()) throw;
+        result = Creation::kNoLibrary;
+      }
+    }
+    // A session that gave up while its creation ran never sees the proxy; its worker may have
+    // ended already, so its id is taken out of dispatch here.
+    bool discard = false;
+    std::string id;
+    {
+      std::lock_guard<std::mutex> lock(session->mutex);
+      if (result == Creation::kCreated && givenUp(*session)) {
+        discard = true;
+        id = session->proxyId;
+        result = Creation::kCancelled;
+        session->proxy.reset();
+      }
+      session->creationDone = true;
+      session->creation = result;
+      session->changed.notify_all();
+    }
+    if (discard) {
+      GST_DEBUG("proxy %s created for a session that gave up: discarded", id.c_str());
+      unregisterSession(session);
+    }
+  }
+}
+
+}  // namespace
+
+const char* serviceName() { return "velmora.zvr.MediaService"; }
+
+bool installHooks() {
+  Hooks& h = hooks();
+  std::lock_guard<std::mutex> lock(h.mutex);
+  if (!h.listenerAdded) h.listenerAdded = velmora::addZVROutcomeListener(&onOutcome, nullptr);
+  if (!h.callbackSet) {
+    velmora::ZVRMediaProxyManagerInterface* manager = requestZVRMediaProxy();
+    if (manager != nullptr) {
+      manager->setZVRCallback(&onNotification);
+      h.callbackSet = true;
+    } else {
+      GST_WARNING("the media proxy library has no manager yet; asked again at the next start");
+    }
+  }
+  return h.callbackSet;
+}
+
+bool requestCreation(const std::shared_ptr<Session>& session) {
+  CreationQueue& q = creationQueue();
+  std::lock_guard<std::mutex> lock(q.mutex);
+  if (!q.running) {
+    try {
+      std::thread(runCreations).detach();
+    } catch (const std::exception& e) {
+      GST_WARNING("no creation thread: %s", e.what());
+      return false;
+    }
+    q.running = true;
+  }
+  q.sessions.push_back(session);
+  q.queued.notify_one();
+  return true;
 }
 
 void unregisterSession(const std::shared_ptr<Session>& session) {

@@ -17,6 +17,9 @@ Playback::Playback(const std::string& uri, bool sync, guint timeoutMs) : timeout
   GstElement* video = gst_element_factory_make("fakesink", "video");
   GstElement* audio = gst_element_factory_make("fakesink", "audio");
   g_object_set(video, "sync", sync, "signal-handoffs", TRUE, nullptr);
+  GstPad* videoPad = gst_element_get_static_pad(video, "sink");
+  gst_pad_add_probe(videoPad, GST_PAD_PROBE_TYPE_EVENT_FLUSH, onVideoEvent, this, nullptr);
+  gst_object_unref(videoPad);
   g_object_set(audio, "sync", sync, nullptr);
   g_signal_connect(video, "handoff", G_CALLBACK(onHandoff), this);
   g_object_set(pipeline_, "uri", uri.c_str(), "video-sink", video, "audio-sink", audio, nullptr);
@@ -45,11 +48,45 @@ void Playback::onHandoff(GstElement*, GstBuffer* buffer, GstPad*, gpointer self)
   std::lock_guard<std::mutex> lock(p->mutex_);
   ++p->frames_;
   p->timestamps_.push_back(GST_BUFFER_PTS(buffer));
+  p->sinceFlush_.push_back(GST_BUFFER_PTS(buffer));
+}
+
+GstPadProbeReturn Playback::onVideoEvent(GstPad*, GstPadProbeInfo* info, gpointer self) {
+  if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_FLUSH_STOP) {
+    Playback* p = static_cast<Playback*>(self);
+    std::lock_guard<std::mutex> lock(p->mutex_);
+    ++p->flushes_;
+    p->sinceFlush_.clear();
+  }
+  return GST_PAD_PROBE_OK;
+}
+
+void Playback::onNotify(GObject* source, GParamSpec* pspec, gpointer log) {
+  PropertyNotification notification;
+  notification.property = g_param_spec_get_name(pspec);
+  gchar* value = nullptr;
+  g_object_get(source, notification.property.c_str(), &value, nullptr);
+  notification.value = value != nullptr ? value : "";
+  g_free(value);
+  NotificationLog& l = **static_cast<std::shared_ptr<NotificationLog>*>(log);
+  std::lock_guard<std::mutex> lock(l.mutex);
+  l.entries.push_back(notification);
 }
 
 void Playback::onSourceSetup(GstElement*, GstElement* source, gpointer self) {
   Playback* p = static_cast<Playback*>(self);
   if (p->timeoutMs_ != 0) g_object_set(source, "timeout", p->timeoutMs_, nullptr);
+  if (g_object_class_find_property(G_OBJECT_GET_CLASS(source), "proxy-id") != nullptr) {
+    for (const char* signal : {"notify::proxy-id", "notify::local-url", "notify::definitions"}) {
+      g_signal_connect_data(
+          source, signal, G_CALLBACK(onNotify),
+          new std::shared_ptr<NotificationLog>(p->notifications_),
+          [](gpointer log, GClosure*) {
+            delete static_cast<std::shared_ptr<NotificationLog>*>(log);
+          },
+          static_cast<GConnectFlags>(0));
+    }
+  }
   std::lock_guard<std::mutex> lock(p->mutex_);
   if (p->source_ != nullptr) gst_object_unref(p->source_);
   p->source_ = GST_ELEMENT(gst_object_ref(source));
@@ -166,6 +203,21 @@ void Playback::clearTimestamps() {
   timestamps_.clear();
 }
 
+int Playback::flushes() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return flushes_;
+}
+
+std::vector<GstClockTime> Playback::sinceFlush() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return sinceFlush_;
+}
+
+std::vector<PropertyNotification> Playback::notifications() {
+  std::lock_guard<std::mutex> lock(notifications_->mutex);
+  return notifications_->entries;
+}
+
 std::vector<std::string> liveGstObjects() {
   std::vector<std::string> names;
   GList* tracers = gst_tracing_get_active_tracers();
@@ -201,6 +253,53 @@ std::vector<std::string> liveGstObjects() {
   }
   g_list_free_full(tracers, gst_object_unref);
   return names;
+}
+
+namespace {
+
+GstTracer* leaksTracer() {
+  GstTracer* found = nullptr;
+  GList* tracers = gst_tracing_get_active_tracers();
+  for (GList* t = tracers; t != nullptr && found == nullptr; t = t->next) {
+    if (g_strcmp0(G_OBJECT_TYPE_NAME(t->data), "GstLeaksTracer") == 0) {
+      found = GST_TRACER(gst_object_ref(t->data));
+    }
+  }
+  g_list_free_full(tracers, gst_object_unref);
+  return found;
+}
+
+int countOfType(const GstStructure* checkpoint, const char* list, const std::string& typeName) {
+  const GValue* entries = gst_structure_get_value(checkpoint, list);
+  int count = 0;
+  for (guint i = 0; entries != nullptr && i < gst_value_list_get_size(entries); ++i) {
+    const GstStructure* entry = gst_value_get_structure(gst_value_list_get_value(entries, i));
+    if (typeName == gst_structure_get_string(entry, "type-name")) ++count;
+  }
+  return count;
+}
+
+}  // namespace
+
+bool ObjectTally::start() {
+  tracer_ = leaksTracer();
+  if (tracer_ == nullptr) return false;
+  g_signal_emit_by_name(tracer_, "activity-start-tracking");
+  return true;
+}
+
+int ObjectTally::stop() {
+  if (tracer_ == nullptr) return 0;
+  GstStructure* checkpoint = nullptr;
+  g_signal_emit_by_name(tracer_, "activity-get-checkpoint", &checkpoint);
+  g_signal_emit_by_name(tracer_, "activity-stop-tracking");
+  gst_object_unref(tracer_);
+  tracer_ = nullptr;
+  if (checkpoint == nullptr) return 0;
+  const int alive = countOfType(checkpoint, "objects-created-list", typeName_) -
+                    countOfType(checkpoint, "objects-removed-list", typeName_);
+  gst_structure_free(checkpoint);
+  return alive;
 }
 
 void ZvrGstTest::startService(const std::vector<std::string>& options, bool activatable) {

@@ -1,6 +1,7 @@
 // The pipeline runner shared by the element's tests: a playbin with fakesinks that counts the
-// decoded video frames and their timestamps, keeps the zvrsrc it created, records when errors
-// were posted, and measures state changes. ZvrGstTest starts the emulator on a private bus
+// decoded video frames and their timestamps (also since the video sink's last flush), keeps the
+// zvrsrc it created and the notifications of its properties, records when errors were posted,
+// and measures state changes. ZvrGstTest starts the emulator on a private bus
 // before the library's first use and, after each test, asserts that the leaks tracer (switched
 // on by the tests' main) reports no GStreamer object alive.
 
@@ -27,6 +28,12 @@ inline std::string clipUri(const std::string& name, const std::string& scheme = 
 }
 
 // What one posted error said, and when it was posted.
+// One notification of a property of the source, with the value read in the handler.
+struct PropertyNotification {
+  std::string property;
+  std::string value;
+};
+
 struct PostedError {
   std::string message;
   std::string debug;
@@ -67,11 +74,25 @@ class Playback {
   // Timestamps of the video frames decoded since the last call of clearTimestamps().
   std::vector<GstClockTime> timestamps();
   void clearTimestamps();
+  // How many FLUSH_STOP events reached the video sink, and the timestamps of the frames rendered
+  // since the last one.
+  int flushes();
+  std::vector<GstClockTime> sinceFlush();
+  // The notifications of the source's properties proxy-id, local-url and definitions.
+  std::vector<PropertyNotification> notifications();
 
  private:
   static void onHandoff(GstElement*, GstBuffer* buffer, GstPad*, gpointer self);
   static void onSourceSetup(GstElement*, GstElement* source, gpointer self);
   static GstBusSyncReply onSyncMessage(GstBus*, GstMessage* message, gpointer self);
+  static GstPadProbeReturn onVideoEvent(GstPad*, GstPadProbeInfo* info, gpointer self);
+  // Notifications come from the element's worker, which may still emit one while this object is
+  // destroyed: they go to a log that each connected handler shares.
+  struct NotificationLog {
+    std::mutex mutex;
+    std::vector<PropertyNotification> entries;
+  };
+  static void onNotify(GObject* source, GParamSpec* pspec, gpointer log);
 
   GstElement* pipeline_ = nullptr;
   GstBus* bus_ = nullptr;
@@ -80,6 +101,9 @@ class Playback {
   GstElement* source_ = nullptr;
   int frames_ = 0;
   std::vector<GstClockTime> timestamps_;
+  int flushes_ = 0;
+  std::vector<GstClockTime> sinceFlush_;
+  std::shared_ptr<NotificationLog> notifications_ = std::make_shared<NotificationLog>();
   std::vector<PostedError> errors_;
 };
 
@@ -94,7 +118,23 @@ class ZvrGstTest : public ::testing::Test {
 };
 
 // The names of the GStreamer objects the leaks tracer sees alive; empty without the tracer.
+// Objects flagged MAY_BE_LEAKED (pad templates among them) are not listed.
 std::vector<std::string> liveGstObjects();
+
+// Counts the objects of one type that the leaks tracer saw created and destroyed between start()
+// and stop(), objects flagged MAY_BE_LEAKED included.
+class ObjectTally {
+ public:
+  explicit ObjectTally(std::string typeName) : typeName_(std::move(typeName)) {}
+  // False without the leaks tracer.
+  bool start();
+  // Objects of the type created minus those destroyed since start().
+  int stop();
+
+ private:
+  std::string typeName_;
+  GstTracer* tracer_ = nullptr;
+};
 
 }  // namespace zvr_test
 

@@ -7,6 +7,7 @@
 #include <signal.h>
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -151,16 +152,23 @@ TEST_F(ZvrSrcErrorTest, TeardownWhileTheUrlIsAwaitedReturnsAtOnceAndStopsTheProx
   EXPECT_FALSE(playback.waitError(0ms, nullptr));
 }
 
-TEST_F(ZvrSrcErrorTest, TeardownWhileTheCreationIsInFlightDiscardsItsResult) {
-  // Answered after 150 ms, before the library's 200 ms wait ends.
-  startService({"delay=create:150"});
+std::uint64_t creationsSucceeded() { return velmora::getZVRProcessCounters()->creationsSucceeded; }
+
+std::uint64_t creationsTried() { return velmora::getZVRProcessCounters()->creationsTried; }
+
+TEST_F(ZvrSrcErrorTest, TeardownWhileTheCreationIsInFlightReturnsAtOnceAndDiscardsItsResult) {
+  // Answered after 1.5 s, three times the bound of the teardown: a teardown that waited for the
+  // creation would take that long.
+  startService({"delay=create:1500"});
+  const std::uint64_t before = creationsSucceeded();
   Playback playback(clipUri("clip.webm"));
   const auto begin = Clock::now();
   EXPECT_EQ(playback.setState(GST_STATE_PAUSED), GST_STATE_CHANGE_ASYNC);
   EXPECT_LT(Clock::now() - begin, 100ms);
   ASSERT_TRUE(bus_->waitRecorded(1, 5000));  // create
   EXPECT_THAT(playback.timedSetState(GST_STATE_NULL), Lt(kNullBound));
-  // The creation's answer arrives after the teardown; no start follows it.
+  // The creation ends with an id after the teardown; no start follows it.
+  ASSERT_TRUE(zvr_test::eventually([before] { return creationsSucceeded() > before; }, 5000ms));
   EXPECT_FALSE(zvr_test::eventually(
       [this] {
         for (const auto& command : bus_->recordedCommands()) {
@@ -168,9 +176,108 @@ TEST_F(ZvrSrcErrorTest, TeardownWhileTheCreationIsInFlightDiscardsItsResult) {
         }
         return false;
       },
-      1000ms));
+      500ms));
   EXPECT_FALSE(playback.waitError(0ms, nullptr));
   EXPECT_EQ(playback.sourceProperty("proxy-id"), "");
+}
+
+TEST_F(ZvrSrcErrorTest, TimeoutAlsoBoundsTheCreation) {
+  // Without a service the creation takes a little more than 2.2 s.
+  startService({}, /*activatable=*/false);
+  Playback playback(clipUri("clip.webm"), false, /*timeoutMs=*/400);
+  const auto begin = Clock::now();
+  EXPECT_EQ(playback.setState(GST_STATE_PAUSED), GST_STATE_CHANGE_ASYNC);
+  PostedError error;
+  ASSERT_TRUE(playback.waitError(5s, &error));
+  const auto took = error.at - begin;
+  EXPECT_GE(took, 400ms);
+  EXPECT_LT(took, 1200ms);
+  EXPECT_TRUE(error.resourceDomain);
+  EXPECT_EQ(error.domainCode, GST_RESOURCE_ERROR_OPEN_READ);
+  EXPECT_THAT(error.message, HasSubstr("created no player within 400 ms"));
+  EXPECT_THAT(playback.timedSetState(GST_STATE_NULL), Lt(kNullBound));
+}
+
+TEST_F(ZvrSrcErrorTest, AHungCreationDelaysNoOtherElementBeyondItsOwnTimeout) {
+  startService({}, /*activatable=*/false);
+  const std::uint64_t triedBefore = creationsTried();
+  Playback hung(clipUri("clip.webm"));
+  EXPECT_EQ(hung.setState(GST_STATE_PAUSED), GST_STATE_CHANGE_ASYNC);
+  ASSERT_TRUE(zvr_test::eventually([triedBefore] { return creationsTried() > triedBefore; }));
+  // Its creation waits behind the first one's, which runs for about 2.2 s.
+  Playback waiting(clipUri("clip.mp4"), false, /*timeoutMs=*/600);
+  const auto begin = Clock::now();
+  EXPECT_EQ(waiting.setState(GST_STATE_PAUSED), GST_STATE_CHANGE_ASYNC);
+  PostedError error;
+  ASSERT_TRUE(waiting.waitError(5s, &error));
+  EXPECT_GE(error.at - begin, 600ms);
+  EXPECT_LT(error.at - begin, 1800ms);
+  EXPECT_THAT(error.message, HasSubstr("created no player within 600 ms"));
+  EXPECT_THAT(waiting.timedSetState(GST_STATE_NULL), Lt(kNullBound));
+  // The first creation ends as it would alone; the one that gave up is never run.
+  ASSERT_TRUE(hung.waitError(5s, &error));
+  EXPECT_THAT(error.message, HasSubstr("No media service"));
+  EXPECT_FALSE(
+      zvr_test::eventually([triedBefore] { return creationsTried() > triedBefore + 1; }, 300ms));
+  EXPECT_THAT(hung.timedSetState(GST_STATE_NULL), Lt(kNullBound));
+}
+
+TEST_F(ZvrSrcErrorTest, AnIdSeenBeforeIsAFailedCreation) {
+  startService();
+  Playback first(clipUri("clip.webm"));
+  ASSERT_NE(first.setState(GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
+  ASSERT_TRUE(first.waitState(GST_STATE_PAUSED, 10s));
+  const std::string id = first.sourceProperty("proxy-id");
+  ASSERT_THAT(id, ::testing::StartsWith("zvr-"));
+  // The service answers the next creation with that id again.
+  ASSERT_TRUE(bus_->setOption("repeat-id=1"));
+  Playback second(clipUri("clip.webm"));
+  EXPECT_EQ(second.setState(GST_STATE_PAUSED), GST_STATE_CHANGE_ASYNC);
+  PostedError error;
+  ASSERT_TRUE(second.waitError(5s, &error));
+  EXPECT_TRUE(error.resourceDomain);
+  EXPECT_EQ(error.domainCode, GST_RESOURCE_ERROR_FAILED);
+  EXPECT_THAT(error.message, HasSubstr("already used"));
+  EXPECT_EQ(second.sourceProperty("proxy-id"), "");
+  EXPECT_THAT(second.timedSetState(GST_STATE_NULL), Lt(kNullBound));
+  // The repeated id was not started again; the first element still owns it.
+  int starts = 0;
+  for (const auto& command : bus_->recordedCommands()) {
+    if (!command.empty() && command[0] == "start") ++starts;
+  }
+  EXPECT_EQ(starts, 1);
+  EXPECT_EQ(first.sourceProperty("proxy-id"), id);
+}
+
+TEST_F(ZvrSrcErrorTest, ErrorsArisingDownstreamPassThroughUnchanged) {
+  startService();
+  // zvrsrc alone: nothing links its pad, so its internal source's first push is not-linked.
+  GstElement* pipeline = GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr)));
+  GError* made = nullptr;
+  GstElement* source =
+      gst_element_make_from_uri(GST_URI_SRC, clipUri("clip.webm").c_str(), nullptr, &made);
+  g_clear_error(&made);
+  ASSERT_NE(source, nullptr);
+  gst_bin_add(GST_BIN(pipeline), source);
+  ASSERT_NE(gst_element_set_state(pipeline, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+  GstBus* bus = gst_element_get_bus(pipeline);
+  GstMessage* message = gst_bus_timed_pop_filtered(bus, 10 * GST_SECOND, GST_MESSAGE_ERROR);
+  ASSERT_NE(message, nullptr);
+  GError* error = nullptr;
+  gchar* debug = nullptr;
+  gst_message_parse_error(message, &error, &debug);
+  EXPECT_EQ(error->domain, GST_STREAM_ERROR);
+  EXPECT_THAT(error->message, ::testing::Not(HasSubstr("broke")));
+  EXPECT_THAT(debug, HasSubstr("not-linked"));
+  EXPECT_THAT(GST_OBJECT_NAME(GST_MESSAGE_SRC(message)), HasSubstr("souphttpsrc"));
+  g_clear_error(&error);
+  g_free(debug);
+  gst_message_unref(message);
+  gst_object_unref(bus);
+  const auto begin = Clock::now();
+  gst_element_set_state(pipeline, GST_STATE_NULL);
+  EXPECT_THAT(Clock::now() - begin, Lt(kNullBound));
+  gst_object_unref(pipeline);
 }
 
 TEST_F(ZvrSrcErrorTest, LateUrlForAnElementThatIsGoneIsDropped) {

@@ -6,9 +6,12 @@
 
 #include <algorithm>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "gst_test_support.h"
@@ -37,53 +40,113 @@ TEST_P(ZvrSrcPlayback, PlaysTheClipToEosDecodingAllNinetyVideoFrames) {
   EXPECT_EQ(G_OBJECT_TYPE_NAME(playback.source()), std::string("GstZvrSrc"));
 }
 
-TEST_P(ZvrSrcPlayback, SeekToTwoSecondsLandsWithinATenthOfASecond) {
-  startService();
-  Playback playback(clipUri(GetParam()));
-  ASSERT_NE(playback.setState(GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
-  ASSERT_TRUE(playback.waitState(GST_STATE_PAUSED, 10s));
-  playback.clearTimestamps();
-  ASSERT_TRUE(gst_element_seek_simple(
-      playback.pipeline(), GST_FORMAT_TIME,
-      static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE), 2 * GST_SECOND));
-  ASSERT_TRUE(playback.waitState(GST_STATE_PAUSED, 10s));
-  // MPEG-TS's demuxer, reading over HTTP, often lets a frame of before the seek through to the
-  // sinks, also straight from the local URL without the element (10 of 12 runs): the prerolled
-  // position and the first frame after the seek are checked for WebM and MP4 only.
-  const bool exact = std::string(GetParam()) != "clip.ts";
-  gint64 position = -1;
-  ASSERT_TRUE(gst_element_query_position(playback.pipeline(), GST_FORMAT_TIME, &position));
-  if (exact) {
-    EXPECT_NEAR(static_cast<double>(position) / GST_SECOND, 2.0, 0.1);
-  }
-  // The frames rendered after the seek (the sink renders none while paused): the first one
-  // from 1.9 s on is the seek's target.
-  ASSERT_NE(playback.setState(GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
-  const GstClockTime from = 1900 * GST_MSECOND;
-  auto reached = [&playback, from] {
-    const auto t = playback.timestamps();
-    return std::find_if(t.begin(), t.end(), [from](GstClockTime x) { return x >= from; }) !=
-           t.end();
-  };
-  ASSERT_TRUE(zvr_test::eventually(reached));
-  const std::vector<GstClockTime> seen = playback.timestamps();
-  const auto target =
-      std::find_if(seen.begin(), seen.end(), [from](GstClockTime x) { return x >= from; });
-  EXPECT_NEAR(static_cast<double>(*target) / GST_SECOND, 2.0, 0.1);
-  // Nothing from before the target was rendered after the seek.
-  if (exact) {
-    EXPECT_EQ(target, seen.begin()) << "first frame after the seek at "
-                                    << static_cast<double>(seen.front()) / GST_SECOND << " s";
-  }
-  std::string error;
-  EXPECT_TRUE(playback.playToEos(20s, &error)) << error;
-}
-
 INSTANTIATE_TEST_SUITE_P(Clips, ZvrSrcPlayback,
                          ::testing::Values("clip.webm", "clip.mp4", "clip.ts"),
                          [](const ::testing::TestParamInfo<const char*>& info) {
                            std::string name = info.param;
                            return name.substr(name.find('.') + 1);
+                         });
+
+// The seek test runs through the element and, as the reference it is held to, through playbin on
+// the same local URL directly.
+enum class Route { kThroughZvrsrc, kLocalUrlDirectly };
+
+class ZvrSrcSeek : public zvr_test::ZvrGstTest,
+                   public ::testing::WithParamInterface<std::tuple<const char*, Route>> {};
+
+// The seek events that reach the source's src pad from downstream.
+struct UpstreamSeeks {
+  static GstPadProbeReturn record(GstPad*, GstPadProbeInfo* info, gpointer self) {
+    GstEvent* event = GST_PAD_PROBE_INFO_EVENT(info);
+    if (GST_EVENT_TYPE(event) == GST_EVENT_SEEK) {
+      GstFormat format;
+      gint64 start = 0;
+      gst_event_parse_seek(event, nullptr, &format, nullptr, nullptr, &start, nullptr, nullptr);
+      auto* seeks = static_cast<UpstreamSeeks*>(self);
+      std::lock_guard<std::mutex> lock(seeks->mutex);
+      seeks->seen.emplace_back(format, start);
+    }
+    return GST_PAD_PROBE_OK;
+  }
+  bool sawByteSeekPastTheStart() {
+    std::lock_guard<std::mutex> lock(mutex);
+    for (const auto& seek : seen) {
+      if (seek.first == GST_FORMAT_BYTES && seek.second > 0) return true;
+    }
+    return false;
+  }
+  std::mutex mutex;
+  std::vector<std::pair<GstFormat, gint64>> seen;
+};
+
+// Playing in real time, about 0.3 s into the clip, a flushing accurate seek to 2.0 s. The
+// demuxer turns it into a seek by bytes that reaches the source: the local URL is read again
+// from past its start. For WebM and MP4 the first frame that the video sink renders after the
+// seek's flush is the target, within 0.1 s, and no frame from before 1.9 s follows the flush;
+// without the seek no flush comes and playback goes on from 0.3 s.
+//
+// MPEG-TS is checked for the seek by bytes and for playback to the end only: tsdemux reads in
+// push mode and estimates the byte offset of the target from what it has seen, and with
+// GStreamer 1.22 its output after the flush often starts early, with playbin on the local URL
+// directly, without the element, as often as through it. Measured with this test's steps and
+// the frame checks applied to MPEG-TS, eight runs each way per series: in the default build the
+// first frame after the flush was 2.0 s in 7 of 8 runs through the element and in 7 of 8 directly
+// (8 of 8 both ways in another series); under AddressSanitizer in 2 of 8 both ways, the others
+// starting at 0.125 s, 1.56 s or 1.66 s. Seeking while paused right after the preroll instead, it
+// started at 0.1 to 1.4 s in 10 of 23 runs through the element and in 13 of 23 directly.
+TEST_P(ZvrSrcSeek, SeeksByBytesThroughTheSourceAndTheFirstFrameAfterTheFlushIsTheTarget) {
+  const std::string clip = std::get<0>(GetParam());
+  const bool accurate = clip != "clip.ts";
+  startService();
+  std::unique_ptr<Playback> played;
+  std::unique_ptr<Playback> opener;
+  if (std::get<1>(GetParam()) == Route::kLocalUrlDirectly) {
+    // The element only opens the local URL here, and stays paused.
+    opener = std::make_unique<Playback>(clipUri(clip));
+    ASSERT_NE(opener->setState(GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
+    ASSERT_TRUE(opener->waitState(GST_STATE_PAUSED, 10s));
+    played = std::make_unique<Playback>(opener->sourceProperty("local-url"), /*sync=*/true);
+  } else {
+    played = std::make_unique<Playback>(clipUri(clip), /*sync=*/true);
+  }
+  Playback& playback = *played;
+  ASSERT_NE(playback.setState(GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+  ASSERT_TRUE(playback.waitFrames(10, 10s));
+  UpstreamSeeks seeks;
+  GstPad* sourcePad = gst_element_get_static_pad(playback.source(), "src");
+  ASSERT_NE(sourcePad, nullptr);
+  const gulong probe = gst_pad_add_probe(sourcePad, GST_PAD_PROBE_TYPE_EVENT_UPSTREAM,
+                                         UpstreamSeeks::record, &seeks, nullptr);
+  const int flushesBefore = playback.flushes();
+  ASSERT_TRUE(gst_element_seek_simple(
+      playback.pipeline(), GST_FORMAT_TIME,
+      static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE), 2 * GST_SECOND));
+  ASSERT_TRUE(zvr_test::eventually([&playback, flushesBefore] {
+    return playback.flushes() > flushesBefore && !playback.sinceFlush().empty();
+  }));
+  const GstClockTime first = playback.sinceFlush().front();
+  std::string error;
+  EXPECT_TRUE(playback.playToEos(20s, &error)) << error;
+  gst_pad_remove_probe(sourcePad, probe);
+  gst_object_unref(sourcePad);
+  EXPECT_TRUE(seeks.sawByteSeekPastTheStart());
+  if (!accurate) return;
+  EXPECT_NEAR(static_cast<double>(first) / GST_SECOND, 2.0, 0.1);
+  for (GstClockTime t : playback.sinceFlush()) {
+    EXPECT_GE(t, 1900 * GST_MSECOND) << "a frame from before the seek's target after its flush";
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Clips, ZvrSrcSeek,
+                         ::testing::Combine(::testing::Values("clip.webm", "clip.mp4", "clip.ts"),
+                                            ::testing::Values(Route::kThroughZvrsrc,
+                                                              Route::kLocalUrlDirectly)),
+                         [](const ::testing::TestParamInfo<std::tuple<const char*, Route>>& info) {
+                           std::string name = std::get<0>(info.param);
+                           return name.substr(name.find('.') + 1) +
+                                  (std::get<1>(info.param) == Route::kThroughZvrsrc
+                                       ? "_through_zvrsrc"
+                                       : "_local_url_directly");
                          });
 
 using ZvrSrcTest = zvr_test::ZvrGstTest;
@@ -247,6 +310,183 @@ TEST_F(ZvrSrcTest, PlaybinPicksTheElementForEveryZvrScheme) {
   EXPECT_FALSE(gst_uri_handler_set_uri(GST_URI_HANDLER(element), "file:///a/b.webm", &error));
   g_clear_error(&error);
   gst_object_unref(gst_object_ref_sink(element));
+}
+
+// A pipeline of zvrsrc and a fakesink, linked when the pad appears: the same element goes
+// through READY and PAUSED again and again.
+class Standalone {
+ public:
+  explicit Standalone(const std::string& uri) {
+    pipeline_ = GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr)));
+    GError* error = nullptr;
+    source_ = gst_element_make_from_uri(GST_URI_SRC, uri.c_str(), nullptr, &error);
+    g_clear_error(&error);
+    sink_ = gst_element_factory_make("fakesink", nullptr);
+    g_object_set(sink_, "sync", FALSE, nullptr);
+    gst_bin_add_many(GST_BIN(pipeline_), source_, sink_, nullptr);
+    g_signal_connect(source_, "pad-added", G_CALLBACK(onPadAdded), sink_);
+  }
+  ~Standalone() {
+    gst_element_set_state(pipeline_, GST_STATE_NULL);
+    gst_object_unref(pipeline_);
+  }
+  Standalone(const Standalone&) = delete;
+  Standalone& operator=(const Standalone&) = delete;
+
+  GstElement* pipeline() const { return pipeline_; }
+  GstElement* source() const { return source_; }
+  std::string property(const char* name) {
+    gchar* value = nullptr;
+    g_object_get(source_, name, &value, nullptr);
+    std::string text = value != nullptr ? value : "";
+    g_free(value);
+    return text;
+  }
+
+ private:
+  static void onPadAdded(GstElement*, GstPad* pad, gpointer sink) {
+    GstPad* sinkPad = gst_element_get_static_pad(GST_ELEMENT(sink), "sink");
+    if (!gst_pad_is_linked(sinkPad)) gst_pad_link(pad, sinkPad);
+    gst_object_unref(sinkPad);
+  }
+
+  GstElement* pipeline_ = nullptr;
+  GstElement* source_ = nullptr;
+  GstElement* sink_ = nullptr;
+};
+
+TEST_F(ZvrSrcTest, SrcPadIsMadeFromTheClassTemplateAndLeavesNoTemplateBehind) {
+  startService();
+  Standalone element(clipUri("clip.webm"));
+  auto prerolled = [&element] {
+    return gst_element_get_state(element.pipeline(), nullptr, nullptr, 10 * GST_SECOND) ==
+           GST_STATE_CHANGE_SUCCESS;
+  };
+  // The first preroll makes the classes' own templates, which live as long as the process.
+  ASSERT_NE(gst_element_set_state(element.pipeline(), GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
+  ASSERT_TRUE(prerolled());
+  GstPad* pad = gst_element_get_static_pad(element.source(), "src");
+  ASSERT_NE(pad, nullptr);
+  EXPECT_EQ(GST_PAD_PAD_TEMPLATE(pad),
+            gst_element_class_get_pad_template(GST_ELEMENT_GET_CLASS(element.source()), "src"));
+  gst_object_unref(pad);
+  ASSERT_NE(gst_element_set_state(element.pipeline(), GST_STATE_READY), GST_STATE_CHANGE_FAILURE);
+  // Pad templates are flagged MAY_BE_LEAKED, which the leaks check after each test skips: they
+  // are tallied here with every object the tracer sees made and destroyed while three more URLs
+  // arrive for the same element.
+  zvr_test::ObjectTally templates("GstPadTemplate");
+  ASSERT_TRUE(templates.start());
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_NE(gst_element_set_state(element.pipeline(), GST_STATE_PAUSED),
+              GST_STATE_CHANGE_FAILURE);
+    ASSERT_TRUE(prerolled());
+    ASSERT_NE(gst_element_set_state(element.pipeline(), GST_STATE_READY), GST_STATE_CHANGE_FAILURE);
+  }
+  EXPECT_EQ(templates.stop(), 0);
+}
+
+TEST_F(ZvrSrcTest, StaysFlaggedAsASourceAfterGoingBackToReady) {
+  startService();
+  Standalone element(clipUri("clip.webm"));
+  ASSERT_NE(gst_element_set_state(element.pipeline(), GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
+  ASSERT_EQ(gst_element_get_state(element.pipeline(), nullptr, nullptr, 10 * GST_SECOND),
+            GST_STATE_CHANGE_SUCCESS);
+  EXPECT_TRUE(GST_OBJECT_FLAG_IS_SET(element.source(), GST_ELEMENT_FLAG_SOURCE));
+  ASSERT_NE(gst_element_set_state(element.pipeline(), GST_STATE_READY), GST_STATE_CHANGE_FAILURE);
+  EXPECT_TRUE(GST_OBJECT_FLAG_IS_SET(element.source(), GST_ELEMENT_FLAG_SOURCE));
+}
+
+TEST_F(ZvrSrcTest, ProxyIdLocalUrlAndDefinitionsAreNotified) {
+  startService({"definition-delay=0"});
+  Playback playback(clipUri("clip.webm"));
+  ASSERT_NE(playback.setState(GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
+  auto notified = [&playback](const std::string& property) {
+    std::string value;
+    for (const auto& n : playback.notifications()) {
+      if (n.property == property) value = n.value;
+    }
+    return value;
+  };
+  ASSERT_TRUE(
+      zvr_test::eventually([&notified] { return !notified("definitions").empty(); }, 10000ms));
+  EXPECT_THAT(notified("proxy-id"), StartsWith("zvr-"));
+  EXPECT_EQ(notified("proxy-id"), playback.sourceProperty("proxy-id"));
+  EXPECT_THAT(notified("local-url"), StartsWith("http://127.0.0.1:"));
+  EXPECT_EQ(notified("local-url"), playback.sourceProperty("local-url"));
+  EXPECT_EQ(notified("definitions"), playback.sourceProperty("definitions"));
+  // In that order: the id with the creation, the URL with the start, then the definitions.
+  std::vector<std::string> order;
+  for (const auto& n : playback.notifications()) order.push_back(n.property);
+  EXPECT_THAT(order, ::testing::ElementsAre("proxy-id", "local-url", "definitions"));
+}
+
+TEST_F(ZvrSrcTest, TimeSeekReturnsAtOnceWhileTheServiceIsStoppedAndIsForwardedLater) {
+  startService();
+  Playback playback(clipUri("clip.webm"));
+  ASSERT_NE(playback.setState(GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
+  ASSERT_TRUE(playback.waitState(GST_STATE_PAUSED, 10s));
+  GstPad* pad = gst_element_get_static_pad(playback.source(), "src");
+  ASSERT_NE(pad, nullptr);
+  // A stopped service: every call to it waits for the bus's time-out.
+  ASSERT_TRUE(bus_->stopEmulator());
+  GstEvent* seek = gst_event_new_seek(1.0, GST_FORMAT_TIME, GST_SEEK_FLAG_FLUSH, GST_SEEK_TYPE_SET,
+                                      1500 * GST_MSECOND, GST_SEEK_TYPE_NONE, GST_CLOCK_TIME_NONE);
+  const auto begin = zvr_test::Clock::now();
+  EXPECT_FALSE(gst_pad_send_event(pad, seek));
+  EXPECT_LT(zvr_test::Clock::now() - begin, 100ms);
+  gst_object_unref(pad);
+  bus_->continueEmulator();
+  EXPECT_TRUE(zvr_test::eventually(
+      [this] {
+        for (const auto& command : bus_->recordedCommands()) {
+          if (command.size() > 5 && command[0] == "seek" && std::stod(command[5]) == 1.5) {
+            return true;
+          }
+        }
+        return false;
+      },
+      10000ms));
+}
+
+// Quick cycles end each session at a different point: at once (the creation), right after the
+// proxy id, the local URL or the definitions arrived. After each PAUSED->READY the properties keep
+// the values they had when it returned: nothing of the cancelled session's worker reaches the
+// element. At the end the element holds only its last session's values.
+TEST_F(ZvrSrcTest, QuickReadyPausedCyclesLeaveNothingOfACancelledSession) {
+  startService({"definition-delay=0"});
+  Standalone element(clipUri("clip.webm"));
+  const char* names[] = {"proxy-id", "local-url", "definitions"};
+  for (int cycle = 0; cycle < 24; ++cycle) {
+    ASSERT_NE(gst_element_set_state(element.pipeline(), GST_STATE_PAUSED),
+              GST_STATE_CHANGE_FAILURE);
+    // Cycle 0 mod 4 leaves at once; the others once proxy-id, local-url or definitions are set.
+    const int arrived = cycle % 4;
+    if (arrived > 0) {
+      ASSERT_TRUE(zvr_test::eventually(
+          [&] { return !element.property(names[arrived - 1]).empty(); }, 10000ms))
+          << names[arrived - 1] << " in cycle " << cycle;
+    }
+    ASSERT_NE(gst_element_set_state(element.pipeline(), GST_STATE_READY), GST_STATE_CHANGE_FAILURE);
+    std::vector<std::string> atReady;
+    for (const char* name : names) atReady.push_back(element.property(name));
+    // Time for a cancelled worker to reach any of its steps.
+    EXPECT_FALSE(zvr_test::eventually(
+        [&] {
+          for (std::size_t i = 0; i < atReady.size(); ++i) {
+            if (element.property(names[i]) != atReady[i]) return true;
+          }
+          return false;
+        },
+        50ms))
+        << "a property changed in READY after cycle " << cycle;
+  }
+  ASSERT_NE(gst_element_set_state(element.pipeline(), GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
+  ASSERT_TRUE(zvr_test::eventually([&element] { return !element.property("definitions").empty(); },
+                                   10000ms));
+  const std::string id = element.property("proxy-id");
+  ASSERT_THAT(id, StartsWith("zvr-"));
+  // The local URL's path names the object it serves.
+  EXPECT_THAT(element.property("local-url"), HasSubstr("/media/" + id + "/"));
 }
 
 }  // namespace
