@@ -157,24 +157,27 @@ void runCreations() {
       }
     }
     // A session that gave up while its creation ran never sees the proxy; its worker may have
-    // ended already, so its id is taken out of dispatch here.
+    // ended already, so its id is taken out of dispatch here, before the creation is reported
+    // done: nothing routed to that id reaches the session afterwards.
     bool discard = false;
-    std::string id;
     {
       std::lock_guard<std::mutex> lock(session->mutex);
-      if (result == Creation::kCreated && givenUp(*session)) {
-        discard = true;
-        id = session->proxyId;
-        result = Creation::kCancelled;
+      discard = result == Creation::kCreated && givenUp(*session);
+    }
+    if (discard) {
+      unregisterSession(session);
+      result = Creation::kCancelled;
+    }
+    {
+      std::lock_guard<std::mutex> lock(session->mutex);
+      if (discard) {
+        GST_DEBUG("proxy %s created for a session that gave up: discarded",
+                  session->proxyId.c_str());
         session->proxy.reset();
       }
       session->creationDone = true;
       session->creation = result;
       session->changed.notify_all();
-    }
-    if (discard) {
-      GST_DEBUG("proxy %s created for a session that gave up: discarded", id.c_str());
-      unregisterSession(session);
     }
   }
 }

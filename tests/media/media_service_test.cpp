@@ -417,15 +417,17 @@ TEST_F(MediaServiceTest, DefinitionOfMediaThatCannotBeProbedIs415WithTheReason) 
   RecordProperty("reason", definition[8]);
 }
 
-TEST_F(MediaServiceTest, StartedForAnHttpSourceThatAnswersIn100MsComesWithin200Ms) {
-  Upstream upstream(std::chrono::milliseconds(100));
+// The service gives an http source 150 ms to send its first bytes; one that takes a third of
+// that leaves room for a loaded machine and the sanitizers.
+TEST_F(MediaServiceTest, StartedForAnHttpSourceThatAnswersIn50MsComesWithin200Ms) {
+  Upstream upstream(std::chrono::milliseconds(50));
   startService();
   double elapsed = 0;
   const Record started = timedStart("zvr-h", upstream.url(), &elapsed);
   ASSERT_EQ(started.size(), 11u);
   EXPECT_EQ(started[1], "200") << started[8];
   EXPECT_FALSE(started[6].empty());
-  EXPECT_GE(elapsed, 0.09);
+  EXPECT_GE(elapsed, 0.045);
   EXPECT_LT(elapsed, 3 * 0.200);
 }
 
