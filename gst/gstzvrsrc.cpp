@@ -19,6 +19,7 @@
 #include "gstzvrsrc.h"
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -65,6 +66,9 @@ struct Private {
   std::string localUrl;
   std::string definitions;
   std::shared_ptr<zvr_gst::Session> session;
+  // Whether the broken stream of the current session was reported: the internal source posts
+  // more than one error for one failure (its own, then basesrc's flow error).
+  bool streamBrokeReported = false;
 
   // Guarded by the element's state lock.
   GstElement* source = nullptr;
@@ -116,12 +120,17 @@ bool cancelled(const std::shared_ptr<Session>& session) {
   return session->cancelled;
 }
 
-// The properties a worker changed, notified once the element's state lock is released: a
-// handler may then change states as from any other thread.
-using Changed = std::vector<int>;
+// What a worker does to the element once its state lock is released: the notifications of the
+// properties it changed and the messages it posts. Their handlers (bus sync handlers included)
+// may then change states as from any other thread, without waiting for a lock the worker holds.
+struct AfterUnlock {
+  std::vector<int> notify;
+  std::vector<std::function<void(GstZvrSrc*)>> post;
+};
 
-// Runs `touch(src, changed)` under the element's state lock while `session` is still the
-// element's, and returns whether it ran. PAUSED->READY cancels the session under the same lock.
+// Runs `touch(src, after)` under the element's state lock while `session` is still the
+// element's, then what `touch` left in `after`, unless the session was cancelled meanwhile; returns
+// whether `touch` ran. PAUSED->READY cancels the session under the same lock.
 template <typename Touch>
 bool withElement(const std::shared_ptr<Session>& session, Touch touch) {
   GstElement* element = nullptr;
@@ -130,23 +139,26 @@ bool withElement(const std::shared_ptr<Session>& session, Touch touch) {
     if (session->cancelled || session->element == nullptr) return false;
     element = GST_ELEMENT(gst_object_ref(session->element));
   }
-  Changed changed;
+  AfterUnlock after;
   GST_STATE_LOCK(element);
   const bool current = !cancelled(session);
-  if (current) touch(self(element), changed);
+  if (current) touch(self(element), after);
   GST_STATE_UNLOCK(element);
-  for (int prop : changed) g_object_notify_by_pspec(G_OBJECT(element), properties[prop]);
+  if (current && !cancelled(session)) {
+    for (int prop : after.notify) g_object_notify_by_pspec(G_OBJECT(element), properties[prop]);
+    for (const auto& post : after.post) post(self(element));
+  }
   gst_object_unref(element);
   return current;
 }
 
 void store(GstZvrSrc* src, std::string Private::*field, const std::string& value, int prop,
-           Changed& changed) {
+           AfterUnlock& after) {
   {
     std::lock_guard<std::mutex> lock(src->priv->mutex);
     src->priv->*field = value;
   }
-  changed.push_back(prop);
+  after.notify.push_back(prop);
 }
 
 // Posts an error of the RESOURCE domain for `src`, as GST_ELEMENT_ERROR does.
@@ -161,7 +173,10 @@ void postErrorNow(GstZvrSrc* src, GstResourceError code, const std::string& text
 // Posts the error for the session's element, unless the session was cancelled.
 void postError(const std::shared_ptr<Session>& session, GstResourceError code,
                const std::string& text, const std::string& debug) {
-  withElement(session, [&](GstZvrSrc* src, Changed&) { postErrorNow(src, code, text, debug); });
+  withElement(session, [&](GstZvrSrc*, AfterUnlock& after) {
+    after.post.push_back(
+        [code, text, debug](GstZvrSrc* src) { postErrorNow(src, code, text, debug); });
+  });
 }
 
 gboolean padQuery(GstPad* pad, GstObject* parent, GstQuery* query) {
@@ -219,13 +234,16 @@ gboolean padEvent(GstPad* pad, GstObject* parent, GstEvent* event) {
 
 // Adds souphttpsrc on `url` behind the src pad and completes the async state change. Called with
 // the state lock held, so that it cannot interleave with PAUSED->READY.
-void addSource(GstZvrSrc* src, const std::shared_ptr<Session>& session, const std::string& url) {
+void addSource(GstZvrSrc* src, const std::shared_ptr<Session>& session, const std::string& url,
+               AfterUnlock& after) {
   GstElement* element = GST_ELEMENT(src);
   if (src->priv->source != nullptr) return;
   GstElement* http = gst_element_factory_make("souphttpsrc", nullptr);
   if (http == nullptr) {
-    postErrorNow(src, GST_RESOURCE_ERROR_FAILED, "GStreamer's souphttpsrc is not installed",
-                 "zvrsrc reads the media service's local URL with souphttpsrc");
+    after.post.push_back([](GstZvrSrc* s) {
+      postErrorNow(s, GST_RESOURCE_ERROR_FAILED, "GStreamer's souphttpsrc is not installed",
+                   "zvrsrc reads the media service's local URL with souphttpsrc");
+    });
     return;
   }
   // Loopback: no proxy server in between; the service's server answers ranges.
@@ -280,9 +298,12 @@ GstResourceError errorForCode(const std::string& code) {
 void runStarted(const std::shared_ptr<Session>& session, const Proxy& proxy,
                 const std::string& source, guint timeoutMs, Clock::time_point deadline) {
   const std::string id = proxy->id();
-  withElement(session, [&](GstZvrSrc* src, Changed& changed) {
-    store(src, &Private::proxyId, id, PROP_PROXY_ID, changed);
-  });
+  // Cancelled since the creation: the remote player is never started, so it needs no stop.
+  if (!withElement(session, [&](GstZvrSrc* src, AfterUnlock& after) {
+        store(src, &Private::proxyId, id, PROP_PROXY_ID, after);
+      })) {
+    return;
+  }
   // In synchronous mode the "url" callback runs inside start(), on this thread: the session's
   // mutex is not held here, so the dispatcher can store it.
   proxy->start(source, 1);
@@ -342,19 +363,21 @@ void runStarted(const std::shared_ptr<Session>& session, const Proxy& proxy,
                 "proxy " + id + ", \"started\" answered " + code);
     } else if (!url.empty()) {
       haveUrl = true;
-      withElement(session, [&](GstZvrSrc* src, Changed& changed) {
+      withElement(session, [&](GstZvrSrc* src, AfterUnlock& after) {
         GST_INFO_OBJECT(src, "proxy %s: local URL %s", id.c_str(), url.c_str());
-        store(src, &Private::localUrl, url, PROP_LOCAL_URL, changed);
-        addSource(src, session, url);
+        store(src, &Private::localUrl, url, PROP_LOCAL_URL, after);
+        addSource(src, session, url, after);
       });
     } else if (!definitions.empty()) {
-      withElement(session, [&](GstZvrSrc* src, Changed& changed) {
-        store(src, &Private::definitions, definitions, PROP_DEFINITIONS, changed);
-        GstStructure* s =
-            gst_structure_new("zvr-definitions", "proxy-id", G_TYPE_STRING, id.c_str(),
-                              "definitions", G_TYPE_STRING, definitions.c_str(), nullptr);
-        gst_element_post_message(GST_ELEMENT(src),
-                                 gst_message_new_element(GST_OBJECT_CAST(src), s));
+      withElement(session, [&](GstZvrSrc* src, AfterUnlock& after) {
+        store(src, &Private::definitions, definitions, PROP_DEFINITIONS, after);
+        after.post.push_back([id, definitions](GstZvrSrc* element) {
+          GstStructure* s =
+              gst_structure_new("zvr-definitions", "proxy-id", G_TYPE_STRING, id.c_str(),
+                                "definitions", G_TYPE_STRING, definitions.c_str(), nullptr);
+          gst_element_post_message(GST_ELEMENT(element),
+                                   gst_message_new_element(GST_OBJECT_CAST(element), s));
+        });
       });
     }
   }
@@ -440,12 +463,13 @@ bool startSession(GstZvrSrc* src) {
   session->element = GST_ELEMENT(src);
   std::string uri;
   guint timeoutMs;
-  Changed cleared;
+  std::vector<int> cleared;
   {
     std::lock_guard<std::mutex> lock(src->priv->mutex);
     uri = src->priv->uri;
     timeoutMs = src->priv->timeoutMs;
     src->priv->session = session;
+    src->priv->streamBrokeReported = false;
     for (auto field : {std::make_pair(&Private::proxyId, PROP_PROXY_ID),
                        std::make_pair(&Private::localUrl, PROP_LOCAL_URL),
                        std::make_pair(&Private::definitions, PROP_DEFINITIONS)}) {
@@ -542,20 +566,43 @@ void handleMessage(GstBin* bin, GstMessage* message) {
     gchar* debug = nullptr;
     gst_message_parse_error(message, &error, &debug);
     std::string id;
+    bool reported;
     {
       std::lock_guard<std::mutex> lock(src->priv->mutex);
       id = src->priv->proxyId;
+      reported = src->priv->streamBrokeReported;
+      src->priv->streamBrokeReported = true;
     }
-    GST_ELEMENT_ERROR(src, RESOURCE, READ,
-                      ("The media service's stream for proxy %s broke: %s", id.c_str(),
-                       error != nullptr ? error->message : "unknown error"),
-                      ("%s", debug != nullptr ? debug : ""));
+    if (reported) {
+      GST_DEBUG_OBJECT(src, "stream of proxy %s: further error dropped: %s", id.c_str(),
+                       error != nullptr ? error->message : "unknown error");
+    } else {
+      GST_ELEMENT_ERROR(src, RESOURCE, READ,
+                        ("The media service's stream for proxy %s broke: %s", id.c_str(),
+                         error != nullptr ? error->message : "unknown error"),
+                        ("%s", debug != nullptr ? debug : ""));
+    }
     g_clear_error(&error);
     g_free(debug);
     gst_message_unref(message);
     return;
   }
   GST_BIN_CLASS(parent_class)->handle_message(bin, message);
+}
+
+// The SCHEDULING query asked of the element itself, as uridecodebin does right after making its
+// source, before any pad exists: answered as a network source does, so that the pipeline buffers
+// it as a stream. A bin would ask its sink children, of which it has none.
+gboolean elementQuery(GstElement* element, GstQuery* query) {
+  if (GST_QUERY_TYPE(query) != GST_QUERY_SCHEDULING) {
+    return GST_ELEMENT_CLASS(parent_class)->query(element, query);
+  }
+  gst_query_set_scheduling(query,
+                           static_cast<GstSchedulingFlags>(GST_SCHEDULING_FLAG_SEQUENTIAL |
+                                                           GST_SCHEDULING_FLAG_BANDWIDTH_LIMITED),
+                           1, -1, 0);
+  gst_query_add_scheduling_mode(query, GST_PAD_MODE_PUSH);
+  return TRUE;
 }
 
 gboolean sendEvent(GstElement* element, GstEvent* event) {
@@ -690,6 +737,7 @@ static void gst_zvr_src_class_init(GstZvrSrcClass* klass) {
 
   elementClass->change_state = changeState;
   elementClass->send_event = sendEvent;
+  elementClass->query = elementQuery;
   binClass->handle_message = handleMessage;
 
   gst_element_class_add_static_pad_template(elementClass, &srcTemplate);

@@ -212,6 +212,65 @@ TEST_F(ZvrSrcTest, SrcPadAnswersTheSchedulingQueryAsANetworkSource) {
   gst_object_unref(pad);
 }
 
+// Whether playbin3's urisourcebin took the source of `uri` for a stream: the multiqueue after its
+// demuxer then buffers (playbin3's buffering flag, on by default); for a local source it does not.
+bool takenForAStream(const std::string& uri) {
+  GstElement* pipeline = gst_element_factory_make("playbin3", nullptr);
+  if (pipeline == nullptr) return false;
+  g_object_set(pipeline, "uri", uri.c_str(), "video-sink",
+               gst_element_factory_make("fakesink", nullptr), "audio-sink",
+               gst_element_factory_make("fakesink", nullptr), nullptr);
+  // Without the software volume, which playbin3 of GStreamer 1.22 leaves behind.
+  gst_util_set_object_arg(G_OBJECT(pipeline), "flags", "video+audio+buffering");
+  gst_element_set_state(pipeline, GST_STATE_PAUSED);
+  EXPECT_EQ(gst_element_get_state(pipeline, nullptr, nullptr, 10 * GST_SECOND),
+            GST_STATE_CHANGE_SUCCESS)
+      << uri;
+  bool buffers = false;
+  GstIterator* all = gst_bin_iterate_recurse(GST_BIN(pipeline));
+  GValue item = G_VALUE_INIT;
+  while (gst_iterator_next(all, &item) == GST_ITERATOR_OK) {
+    GstElement* child = GST_ELEMENT(g_value_get_object(&item));
+    GstElementFactory* factory = gst_element_get_factory(child);
+    GstObject* parent = gst_object_get_parent(GST_OBJECT(child));
+    GstElementFactory* parentFactory = parent != nullptr && GST_IS_ELEMENT(parent)
+                                           ? gst_element_get_factory(GST_ELEMENT(parent))
+                                           : nullptr;
+    if (factory != nullptr && std::string(GST_OBJECT_NAME(factory)) == "multiqueue" &&
+        parentFactory != nullptr && std::string(GST_OBJECT_NAME(parentFactory)) == "urisourcebin") {
+      gboolean useBuffering = FALSE;
+      g_object_get(child, "use-buffering", &useBuffering, nullptr);
+      buffers = buffers || useBuffering;
+    }
+    if (parent != nullptr) gst_object_unref(parent);
+    g_value_reset(&item);
+  }
+  g_value_unset(&item);
+  gst_iterator_free(all);
+  gst_element_set_state(pipeline, GST_STATE_NULL);
+  gst_object_unref(pipeline);
+  return buffers;
+}
+
+// playbin's source bins ask the element itself, right after making it, before any pad exists (a
+// bin would ask its sink children, of which it has none), whether it is a stream.
+TEST_F(ZvrSrcTest, ElementAnswersTheSchedulingQueryBeforeItHasAPadSoPlaybinBuffersAStream) {
+  GstElement* element = gst_element_factory_make("zvrsrc", nullptr);
+  ASSERT_NE(element, nullptr);
+  GstQuery* query = gst_query_new_scheduling();
+  ASSERT_TRUE(gst_element_query(element, query));
+  GstSchedulingFlags flags;
+  gst_query_parse_scheduling(query, &flags, nullptr, nullptr, nullptr);
+  EXPECT_TRUE(flags & GST_SCHEDULING_FLAG_BANDWIDTH_LIMITED);
+  EXPECT_TRUE(gst_query_has_scheduling_mode(query, GST_PAD_MODE_PUSH));
+  gst_query_unref(query);
+  gst_object_unref(element);
+
+  startService();
+  EXPECT_FALSE(takenForAStream("file://" + zvr_test::clipPath("clip.webm")));
+  EXPECT_TRUE(takenForAStream(clipUri("clip.webm")));
+}
+
 TEST_F(ZvrSrcTest, PlaysAgainAfterGoingBackToReadyWithANewProxy) {
   startService();
   Playback playback(clipUri("clip.webm"));
