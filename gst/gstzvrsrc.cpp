@@ -71,7 +71,8 @@ struct Private {
   bool streamBrokeReported = false;
 
   // Guarded by the element's state lock.
-  GstElement* source = nullptr;
+  GstElement* source = nullptr;  // souphttpsrc
+  GstElement* buffer = nullptr;  // queue2 after it
   GstPad* pad = nullptr;
   bool asyncPending = false;
 };
@@ -246,12 +247,27 @@ void addSource(GstZvrSrc* src, const std::shared_ptr<Session>& session, const st
     });
     return;
   }
+  // The stream's buffer, which playbin's uridecodebin plugs only behind a source with an always
+  // pad: it posts the buffering messages by which a player (WPE WebKit) learns that enough data
+  // has come to start playing. Seeks pass through it to souphttpsrc.
+  GstElement* buffer = gst_element_factory_make("queue2", nullptr);
+  if (buffer == nullptr) {
+    gst_object_unref(http);
+    after.post.push_back([](GstZvrSrc* s) {
+      postErrorNow(s, GST_RESOURCE_ERROR_FAILED, "GStreamer's queue2 is not installed",
+                   "zvrsrc buffers the media service's stream with queue2");
+    });
+    return;
+  }
   // Loopback: no proxy server in between; the service's server answers ranges.
   g_object_set(http, "location", url.c_str(), "proxy", "", "automatic-redirect", FALSE, nullptr);
-  gst_bin_add(GST_BIN(src), http);
+  g_object_set(buffer, "use-buffering", TRUE, nullptr);
+  gst_bin_add_many(GST_BIN(src), http, buffer, nullptr);
+  gst_element_link(http, buffer);
   src->priv->source = http;
+  src->priv->buffer = buffer;
 
-  GstPad* target = gst_element_get_static_pad(http, "src");
+  GstPad* target = gst_element_get_static_pad(buffer, "src");
   // The class's own template: the ghost pad takes a reference of its own.
   GstPad* pad = gst_ghost_pad_new_from_template(
       "src", target, gst_element_class_get_pad_template(GST_ELEMENT_GET_CLASS(src), "src"));
@@ -263,8 +279,8 @@ void addSource(GstZvrSrc* src, const std::shared_ptr<Session>& session, const st
   // Added before the source runs: whoever links it does so in pad-added, before data flows.
   gst_element_add_pad(element, pad);
   gst_element_no_more_pads(element);
-  if (!gst_element_sync_state_with_parent(http)) {
-    gst_element_set_state(http, GST_STATE_PAUSED);
+  for (GstElement* child : {buffer, http}) {
+    if (!gst_element_sync_state_with_parent(child)) gst_element_set_state(child, GST_STATE_PAUSED);
   }
   asyncDone(src);
   GST_DEBUG_OBJECT(src, "proxy %s: reading %s", session->proxyId.c_str(), url.c_str());
@@ -278,9 +294,11 @@ void dropSource(GstZvrSrc* src) {
     src->priv->pad = nullptr;
   }
   if (src->priv->source != nullptr) {
-    gst_element_set_state(src->priv->source, GST_STATE_NULL);
-    gst_bin_remove(GST_BIN(src), src->priv->source);
-    src->priv->source = nullptr;
+    for (GstElement** child : {&src->priv->source, &src->priv->buffer}) {
+      gst_element_set_state(*child, GST_STATE_NULL);
+      gst_bin_remove(GST_BIN(src), *child);
+      *child = nullptr;
+    }
     // GstBin unflags a bin whose last source child left; this one stays a source.
     GST_OBJECT_LOCK(src);
     GST_OBJECT_FLAG_SET(src, GST_ELEMENT_FLAG_SOURCE);
