@@ -37,35 +37,12 @@ double monotonicNow() {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-// The names a proxy counts without a lock; any other name goes to ProxyStats::otherEvents.
-constexpr std::string_view kCountedEvents[] = {kEventStarted, kEventStopped, kEventSeeked,
-                                               kEventDefinition};
-static_assert(kEventStarted.size() == kEventStopped.size(), "started and stopped share a case");
-constexpr std::size_t kCountedEventCount = sizeof kCountedEvents / sizeof kCountedEvents[0];
-constexpr std::string_view kProxyCommands[] = {"start", "stop", "seek", "preload"};
-constexpr std::size_t kProxyCommandCount = sizeof kProxyCommands / sizeof kProxyCommands[0];
-
 template <std::size_t N>
 std::size_t indexOf(const std::string_view (&names)[N], std::string_view name) {
   for (std::size_t i = 0; i < N; ++i) {
     if (names[i] == name) return i;
   }
   return N;
-}
-
-// The position of `name` in kCountedEvents, or kCountedEventCount: on the dispatch path, so each
-// comparison is against a name of known length, which the compiler inlines.
-std::size_t countedEventIndex(std::string_view name) {
-  switch (name.size()) {
-    case kEventSeeked.size():
-      return name == kEventSeeked ? 2 : kCountedEventCount;
-    case kEventStarted.size():
-      return name == kEventStarted ? 0 : name == kEventStopped ? 1 : kCountedEventCount;
-    case kEventDefinition.size():
-      return name == kEventDefinition ? 3 : kCountedEventCount;
-    default:
-      return kCountedEventCount;
-  }
 }
 
 // How many failed answers are remembered to report an answer that arrives twice only once.
@@ -81,21 +58,6 @@ void setCounting(bool on) { gCounting.store(on, std::memory_order_relaxed); }
 
 // --- Statistics
 // -----------------------------------------------------------------------------------
-
-struct ProxyStats {
-  std::atomic<uint64_t> events[kCountedEventCount] = {};
-  std::atomic<uint64_t> commands[kProxyCommandCount] = {};
-
-  // The failure group, and the events of other names.
-  std::mutex mutex;
-  std::map<std::string, uint64_t> otherEvents;
-  std::map<std::string, uint64_t> failures;
-  std::string lastFailureName;
-  std::string lastFailureCode;
-  std::string lastFailureDetail;
-  double lastFailureTime = 0;
-  uint64_t waitsTimedOut = 0;
-};
 
 namespace {
 
@@ -128,18 +90,18 @@ ProxyTable& proxyTable() {
   return *table;
 }
 
-// The deleter of adopted objects, kept in their shared pointer's control block.
-struct StatsDeleter {
-  std::shared_ptr<ProxyStats> stats;
-  void operator()(ZVRMediaProxyObject* object) const {
-    {
-      ProxyTable& table = proxyTable();
-      std::lock_guard<std::mutex> lock(table.mutex);
-      table.entries.erase(object);
-    }
-    delete object;
+}  // namespace
+
+void StatsDeleter::operator()(ZVRMediaProxyObject* object) const {
+  {
+    ProxyTable& table = proxyTable();
+    std::lock_guard<std::mutex> lock(table.mutex);
+    table.entries.erase(object);
   }
-};
+  delete object;
+}
+
+namespace {
 
 // --- Per-thread state
 // -----------------------------------------------------------------------------
@@ -307,11 +269,6 @@ std::shared_ptr<ZVRMediaProxyObject> adopt(ZVRMediaProxyObject* object) {
   return std::shared_ptr<ZVRMediaProxyObject>(owned.release(), StatsDeleter{stats});
 }
 
-ProxyStats* statsOf(const std::shared_ptr<ZVRMediaProxyObject>& object) {
-  const StatsDeleter* deleter = std::get_deleter<StatsDeleter>(object);
-  return deleter != nullptr ? deleter->stats.get() : nullptr;
-}
-
 std::shared_ptr<ProxyStats> statsOf(const ZVRMediaProxyObject* object) {
   ProxyTable& table = proxyTable();
   std::lock_guard<std::mutex> lock(table.mutex);
@@ -336,28 +293,17 @@ CommandScope::~CommandScope() {
 // --- What the library reports
 // ---------------------------------------------------------------------
 
-void eventReceived(ProxyStats* stats, std::string_view name) {
-  if (stats == nullptr || !counting()) return;
-  const std::size_t i = countedEventIndex(name);
-  if (i < kCountedEventCount) {
-    // Release, paired with the copy's acquire: a copy that sees this event also sees the command
-    // it answers, which was counted before it was sent.
-    stats->events[i].fetch_add(1, std::memory_order_release);
-    return;
-  }
+void otherEventReceived(ProxyStats* stats, std::string_view name) {
   std::lock_guard<std::mutex> lock(stats->mutex);
   ++stats->otherEvents[std::string(name)];
 }
 
-void recordHandled(ProxyStats* stats, const ZVRMediaProxyObject* proxy,
-                   const std::vector<std::string>& record) {
+void failedRecordHandled(ProxyStats* stats, const ZVRMediaProxyObject* proxy,
+                         const std::vector<std::string>& record) {
   const std::string& name = recordField(record, 0);
-  eventReceived(stats, name);
-  const std::string& code = recordField(record, 1);
-  if (code == kResultOk) return;
   if (isAnswerToAProxy(name)) {
-    failedAnswer(stats, proxy, name, recordField(record, 3), recordField(record, 2), code,
-                 recordField(record, 8));
+    failedAnswer(stats, proxy, name, recordField(record, 3), recordField(record, 2),
+                 recordField(record, 1), recordField(record, 8));
   }
 }
 

@@ -11,11 +11,15 @@
 #define ZVR_DIAGNOSTICS_H_
 
 #include <atomic>
+#include <cstdint>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "zvr_event_record.h"
 #include "zvr_media_proxy_diagnostics.h"
 
 namespace velmora {
@@ -24,7 +28,51 @@ class ZVRMediaProxyObject;
 
 namespace diagnostics {
 
-struct ProxyStats;
+// The names a proxy counts without a lock; any other name goes to ProxyStats::otherEvents.
+constexpr std::string_view kCountedEvents[] = {kEventStarted, kEventStopped, kEventSeeked,
+                                               kEventDefinition};
+static_assert(kEventStarted.size() == kEventStopped.size(), "started and stopped share a case");
+constexpr std::size_t kCountedEventCount = sizeof kCountedEvents / sizeof kCountedEvents[0];
+constexpr std::string_view kProxyCommands[] = {"start", "stop", "seek", "preload"};
+constexpr std::size_t kProxyCommandCount = sizeof kProxyCommands / sizeof kProxyCommands[0];
+
+// The position of `name` in kCountedEvents, or kCountedEventCount: on the dispatch path, so each
+// comparison is against a name of known length, which the compiler inlines.
+inline std::size_t countedEventIndex(std::string_view name) {
+  switch (name.size()) {
+    case kEventSeeked.size():
+      return name == kEventSeeked ? 2 : kCountedEventCount;
+    case kEventStarted.size():
+      return name == kEventStarted ? 0 : name == kEventStopped ? 1 : kCountedEventCount;
+    case kEventDefinition.size():
+      return name == kEventDefinition ? 3 : kCountedEventCount;
+    default:
+      return kCountedEventCount;
+  }
+}
+
+// One proxy's counters. Events and commands of the usual names are counted without a lock.
+struct ProxyStats {
+  std::atomic<uint64_t> events[kCountedEventCount] = {};
+  std::atomic<uint64_t> commands[kProxyCommandCount] = {};
+
+  // The failure group, and the events of other names.
+  std::mutex mutex;
+  std::map<std::string, uint64_t> otherEvents;
+  std::map<std::string, uint64_t> failures;
+  std::string lastFailureName;
+  std::string lastFailureCode;
+  std::string lastFailureDetail;
+  double lastFailureTime = 0;
+  uint64_t waitsTimedOut = 0;
+};
+
+// The deleter of the objects made by adopt(), kept in their shared pointer's control block with
+// the proxy's counters.
+struct StatsDeleter {
+  std::shared_ptr<ProxyStats> stats;
+  void operator()(ZVRMediaProxyObject* object) const;
+};
 
 // Whether counting is on: ZVR_COUNTERS=0 in the environment switches it off, read once when the
 // library is loaded. The benchmarks switch it in place to compare both in one run.
@@ -44,7 +92,10 @@ inline bool observed() { return counting() || gHasListeners.load(std::memory_ord
 std::shared_ptr<ZVRMediaProxyObject> adopt(ZVRMediaProxyObject* object);
 // The statistics of an object made by adopt(), read from its shared pointer without a lock; null
 // for objects owned otherwise.
-ProxyStats* statsOf(const std::shared_ptr<ZVRMediaProxyObject>& object);
+inline ProxyStats* statsOf(const std::shared_ptr<ZVRMediaProxyObject>& object) {
+  const StatsDeleter* deleter = std::get_deleter<StatsDeleter>(object);
+  return deleter != nullptr ? deleter->stats.get() : nullptr;
+}
 // The same through the object's address, under the table's leaf lock.
 std::shared_ptr<ProxyStats> statsOf(const ZVRMediaProxyObject* object);
 
@@ -66,12 +117,39 @@ class CommandScope {
 
 // --- What the library reports --------------------------------------------------------------------
 
-// An event record handed to a proxy.
-void eventReceived(ProxyStats* stats, std::string_view name);
+// An event record of a name not in kCountedEvents handed to a proxy.
+void otherEventReceived(ProxyStats* stats, std::string_view name);
+// A record whose code is not "200" that `proxy` has handled: reported when it is a failed
+// "started", "stopped" or "seeked" answer.
+void failedRecordHandled(ProxyStats* stats, const ZVRMediaProxyObject* proxy,
+                         const std::vector<std::string>& record);
+
+// An event record handed to a proxy. On the dispatch path: inline, one relaxed load and one
+// atomic increment for the usual names.
+inline void eventReceived(ProxyStats* stats, std::string_view name) {
+  if (stats == nullptr || !counting()) return;
+  const std::size_t i = countedEventIndex(name);
+  if (i < kCountedEventCount) {
+    // Release, paired with the copy's acquire: a copy that sees this event also sees the command
+    // it answers, which was counted before it was sent.
+    stats->events[i].fetch_add(1, std::memory_order_release);
+    return;
+  }
+  otherEventReceived(stats, name);
+}
+
 // A record addressed to `proxy` that it has handled: counted, and reported when it is a failed
 // "started", "stopped" or "seeked" answer.
-void recordHandled(ProxyStats* stats, const ZVRMediaProxyObject* proxy,
-                   const std::vector<std::string>& record);
+inline void recordHandled(ProxyStats* stats, const ZVRMediaProxyObject* proxy,
+                          const std::vector<std::string>& record) {
+  if (record.size() < 2) {
+    eventReceived(stats, recordField(record, 0));
+    failedRecordHandled(stats, proxy, record);  // no code is no "200"
+    return;
+  }
+  eventReceived(stats, record[0]);
+  if (record[1] != kResultOk) failedRecordHandled(stats, proxy, record);
+}
 // Whether `name` is one of the answers a proxy handles: "started", "stopped", "seeked".
 bool isAnswerToAProxy(std::string_view name);
 // A command message about to be sent: for a proxy's command (see CommandScope), or a "create".
