@@ -194,6 +194,14 @@ TEST_F(ZvrSrcTest, TimeSeekReachingTheElementGoesToTheRemotePlayerAndIsRefused) 
   EXPECT_TRUE(seekSent);
 }
 
+// A SCHEDULING query answered as a network source does: push mode, bandwidth-limited.
+void expectANetworkSourcesAnswer(GstQuery* query) {
+  GstSchedulingFlags flags;
+  gst_query_parse_scheduling(query, &flags, nullptr, nullptr, nullptr);
+  EXPECT_TRUE(flags & GST_SCHEDULING_FLAG_BANDWIDTH_LIMITED);
+  EXPECT_TRUE(gst_query_has_scheduling_mode(query, GST_PAD_MODE_PUSH));
+}
+
 TEST_F(ZvrSrcTest, SrcPadAnswersTheSchedulingQueryAsANetworkSource) {
   startService();
   Playback playback(clipUri("clip.webm"));
@@ -204,10 +212,7 @@ TEST_F(ZvrSrcTest, SrcPadAnswersTheSchedulingQueryAsANetworkSource) {
   EXPECT_EQ(GST_PAD_TEMPLATE_PRESENCE(GST_PAD_PAD_TEMPLATE(pad)), GST_PAD_SOMETIMES);
   GstQuery* query = gst_query_new_scheduling();
   ASSERT_TRUE(gst_pad_query(pad, query));
-  GstSchedulingFlags flags;
-  gst_query_parse_scheduling(query, &flags, nullptr, nullptr, nullptr);
-  EXPECT_TRUE(flags & GST_SCHEDULING_FLAG_BANDWIDTH_LIMITED);
-  EXPECT_TRUE(gst_query_has_scheduling_mode(query, GST_PAD_MODE_PUSH));
+  expectANetworkSourcesAnswer(query);
   gst_query_unref(query);
   gst_object_unref(pad);
 }
@@ -259,10 +264,7 @@ TEST_F(ZvrSrcTest, ElementAnswersTheSchedulingQueryBeforeItHasAPadSoPlaybinBuffe
   ASSERT_NE(element, nullptr);
   GstQuery* query = gst_query_new_scheduling();
   ASSERT_TRUE(gst_element_query(element, query));
-  GstSchedulingFlags flags;
-  gst_query_parse_scheduling(query, &flags, nullptr, nullptr, nullptr);
-  EXPECT_TRUE(flags & GST_SCHEDULING_FLAG_BANDWIDTH_LIMITED);
-  EXPECT_TRUE(gst_query_has_scheduling_mode(query, GST_PAD_MODE_PUSH));
+  expectANetworkSourcesAnswer(query);
   gst_query_unref(query);
   gst_object_unref(element);
 
