@@ -4,6 +4,9 @@
 
 #include <stdlib.h>
 
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -87,9 +90,47 @@ void Playback::onSourceSetup(GstElement*, GstElement* source, gpointer self) {
           static_cast<GConnectFlags>(0));
     }
   }
+  watchFinalization(source);
   std::lock_guard<std::mutex> lock(p->mutex_);
   if (p->source_ != nullptr) gst_object_unref(p->source_);
   p->source_ = GST_ELEMENT(gst_object_ref(source));
+}
+
+namespace {
+
+// The watched elements not yet finalized. Never destroyed: a weak notification may come from
+// an element's worker at any time.
+struct Watched {
+  std::mutex mutex;
+  std::condition_variable finalized;
+  int alive = 0;
+};
+
+Watched& watched() {
+  static Watched* const w = new Watched;
+  return *w;
+}
+
+}  // namespace
+
+void watchFinalization(GstElement* element) {
+  {
+    std::lock_guard<std::mutex> lock(watched().mutex);
+    ++watched().alive;
+  }
+  g_object_weak_ref(
+      G_OBJECT(element),
+      [](gpointer, GObject*) {
+        std::lock_guard<std::mutex> lock(watched().mutex);
+        --watched().alive;
+        watched().finalized.notify_all();
+      },
+      nullptr);
+}
+
+bool waitWatchedFinalized(std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(watched().mutex);
+  return watched().finalized.wait_for(lock, timeout, [] { return watched().alive == 0; });
 }
 
 GstBusSyncReply Playback::onSyncMessage(GstBus*, GstMessage* message, gpointer self) {
@@ -281,6 +322,33 @@ int countOfType(const GstStructure* checkpoint, const char* list, const std::str
 
 }  // namespace
 
+// Waits until GStreamer has made and destroyed no object for `quiet`, at most `timeout`. The
+// leaks tracer lists the live objects under references it takes of each while copying the list,
+// which must not meet an object that another thread is finalizing: GStreamer's own threads may
+// still let go of the last objects of a pipeline just after the test did.
+bool waitGstQuiet(std::chrono::milliseconds quiet, std::chrono::milliseconds timeout) {
+  GstTracer* tracer = leaksTracer();
+  if (tracer == nullptr) return true;
+  g_signal_emit_by_name(tracer, "activity-start-tracking");
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  bool isQuiet = false;
+  while (!isQuiet && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(quiet);
+    GstStructure* checkpoint = nullptr;
+    g_signal_emit_by_name(tracer, "activity-get-checkpoint", &checkpoint);
+    if (checkpoint == nullptr) break;
+    isQuiet = true;
+    for (const char* list : {"objects-created-list", "objects-removed-list"}) {
+      const GValue* entries = gst_structure_get_value(checkpoint, list);
+      isQuiet = isQuiet && (entries == nullptr || gst_value_list_get_size(entries) == 0);
+    }
+    gst_structure_free(checkpoint);
+  }
+  g_signal_emit_by_name(tracer, "activity-stop-tracking");
+  gst_object_unref(tracer);
+  return isQuiet;
+}
+
 bool ObjectTally::start() {
   tracer_ = leaksTracer();
   if (tracer_ == nullptr) return false;
@@ -312,9 +380,12 @@ void ZvrGstTest::startService(const std::vector<std::string>& options, bool acti
 void ZvrGstTest::TearDown() {
   // Every pipeline of the test is gone by now; a worker that still holds its element lets go
   // as soon as it sees the cancellation.
+  EXPECT_TRUE(waitWatchedFinalized(std::chrono::milliseconds(5000)))
+      << "an element under test was not finalized";
   std::vector<std::string> live;
   const bool none = eventually(
       [&live] {
+        waitGstQuiet(std::chrono::milliseconds(20), std::chrono::milliseconds(1000));
         live = liveGstObjects();
         return live.empty();
       },

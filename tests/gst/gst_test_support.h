@@ -117,6 +117,14 @@ class ZvrGstTest : public ::testing::Test {
   std::unique_ptr<PrivateBus> bus_;
 };
 
+// Elements under test whose finalization TearDown waits for before it asks the leaks tracer what
+// is alive: an element's worker may drop its last reference on its own thread just after the
+// test let go, and the tracer's list of live objects takes a reference of every listed object,
+// which must not meet one being finalized.
+void watchFinalization(GstElement* element);
+// Waits until every watched element was finalized; false when one was not within `timeout`.
+bool waitWatchedFinalized(std::chrono::milliseconds timeout);
+
 // The names of the GStreamer objects the leaks tracer sees alive; empty without the tracer.
 // Objects flagged MAY_BE_LEAKED (pad templates among them) are not listed.
 std::vector<std::string> liveGstObjects();

@@ -258,6 +258,7 @@ TEST_F(ZvrSrcErrorTest, ErrorsArisingDownstreamPassThroughUnchanged) {
       gst_element_make_from_uri(GST_URI_SRC, clipUri("clip.webm").c_str(), nullptr, &made);
   g_clear_error(&made);
   ASSERT_NE(source, nullptr);
+  zvr_test::watchFinalization(source);
   gst_bin_add(GST_BIN(pipeline), source);
   ASSERT_NE(gst_element_set_state(pipeline, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
   GstBus* bus = gst_element_get_bus(pipeline);

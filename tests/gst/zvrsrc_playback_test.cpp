@@ -227,6 +227,13 @@ bool takenForAStream(const std::string& uri) {
                gst_element_factory_make("fakesink", nullptr), nullptr);
   // Without the software volume, which playbin3 of GStreamer 1.22 leaves behind.
   gst_util_set_object_arg(G_OBJECT(pipeline), "flags", "video+audio+buffering");
+  g_signal_connect(
+      pipeline, "source-setup", G_CALLBACK(+[](GstElement*, GstElement* source, gpointer) {
+        if (std::string(GST_OBJECT_NAME(gst_element_get_factory(source))) == "zvrsrc") {
+          zvr_test::watchFinalization(source);
+        }
+      }),
+      nullptr);
   gst_element_set_state(pipeline, GST_STATE_PAUSED);
   EXPECT_EQ(gst_element_get_state(pipeline, nullptr, nullptr, 10 * GST_SECOND),
             GST_STATE_CHANGE_SUCCESS)
@@ -403,6 +410,7 @@ class Standalone {
     GError* error = nullptr;
     source_ = gst_element_make_from_uri(GST_URI_SRC, uri.c_str(), nullptr, &error);
     g_clear_error(&error);
+    zvr_test::watchFinalization(source_);
     sink_ = gst_element_factory_make("fakesink", nullptr);
     g_object_set(sink_, "sync", FALSE, nullptr);
     gst_bin_add_many(GST_BIN(pipeline_), source_, sink_, nullptr);
@@ -543,8 +551,13 @@ TEST_F(ZvrSrcTest, TimeSeekReturnsAtOnceWhileTheServiceIsStoppedAndIsForwardedLa
 // proxy id, the local URL or the definitions arrived. After each PAUSED->READY the properties keep
 // the values they had when it returned: nothing of the cancelled session's worker reaches the
 // element. At the end the element holds only its last session's values.
+// GStreamer 1.22's souphttpsrc (libsoup 3) crashes now and then when it is stopped before its
+// response has arrived, on its own (souphttpsrc ! fakesink, about once in 3,600 such cycles).
+// The cycles that leave once the local URL is there therefore wait for the preroll; the start's
+// answer comes 300 ms late, so that a cycle that leaves once the proxy id is there never has an
+// internal source yet.
 TEST_F(ZvrSrcTest, QuickReadyPausedCyclesLeaveNothingOfACancelledSession) {
-  startService({"definition-delay=0"});
+  startService({"definition-delay=0", "delay=start:300"});
   Standalone element(clipUri("clip.webm"));
   const char* names[] = {"proxy-id", "local-url", "definitions"};
   for (int cycle = 0; cycle < 24; ++cycle) {
@@ -556,6 +569,10 @@ TEST_F(ZvrSrcTest, QuickReadyPausedCyclesLeaveNothingOfACancelledSession) {
       ASSERT_TRUE(zvr_test::eventually(
           [&] { return !element.property(names[arrived - 1]).empty(); }, 10000ms))
           << names[arrived - 1] << " in cycle " << cycle;
+    }
+    if (arrived >= 2) {
+      ASSERT_EQ(gst_element_get_state(element.pipeline(), nullptr, nullptr, 10 * GST_SECOND),
+                GST_STATE_CHANGE_SUCCESS);
     }
     ASSERT_NE(gst_element_set_state(element.pipeline(), GST_STATE_READY), GST_STATE_CHANGE_FAILURE);
     std::vector<std::string> atReady;
